@@ -1,0 +1,829 @@
+// Dt3.cpp: the triangulation object: its life cycle, the insertion driver,
+// point location, Bowyer-Watson insertion with its facet registry, the hull
+// path, duplicates, and the queries, self-test and debug output.
+//
+// The mesh invariants are listed in Dt3.h. Every insertion starts from an
+// empty facet registry, swaps the two retirement arrays before it makes or
+// dooms a tetrahedron, and ends with the registry empty again.
+#include "Dt3.h"
+
+#include <cmath>
+#include <iostream>
+#include <set>
+#include <unordered_set>
+
+#include "Surface3.h"
+#include "Velm_3D.h"
+#include "Visualizer3.h"
+
+namespace VELM3D {
+
+namespace {
+
+// The facet after i, cyclically: the walk tests facets in this order.
+const int nextFacetIndex[4] = {1, 2, 3, 0};
+
+inline bool range03(int i) { return i >= 0 && i <= 3; }
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// Life cycle.
+
+Dt3::Dt3(Velm_3D* pInterface_)
+    : numStoredTCS(0), bFullDimensional(false), hc3(27), pInterface(pInterface_), bVerbose(false) {
+  vTcsTable.assign(1024, nullptr);
+  poolTwoTet.init(1024, 512);
+  poolTet.init(28, -1);
+  vDoomed.reserve(512);
+  vDoomedPrev.reserve(512);
+  vStack.reserve(64);
+}
+
+Dt3::~Dt3() {
+  for (Surface3* pSurface : vSurfaces) delete pSurface;
+  // The members follow in reverse order of declaration: the vertex store
+  // with all vertices, the arrays, then the tetrahedron and registry pools.
+}
+
+Surface3* Dt3::createEmptySurface() {
+  Surface3* pSurface = new Surface3(this);
+  vSurfaces.push_back(pSurface);
+  return pSurface;
+}
+
+// The first tetrahedron: among the stored vertices in key order, the
+// lexicographically first index quadruple i<j<k<l that is not coplanar.
+//
+// The search needs only one pass. With i=0 and j=1: every k before the first
+// one that is not collinear with v0, v1 leaves all l coplanar, and if that
+// first such k finds no l off the plane, then all later points lie in the
+// plane of v0, v1, vk (the skipped ones lie on the line v0 v1), so the whole
+// set is coplanar and no other quadruple exists either. If no k is found, the
+// whole set is collinear. Hence the result is the first quadruple of the full
+// lexicographic search, found in linear time.
+Tet3* Dt3::createInitialTet() {
+  VELM_ASSERT(!bFullDimensional);
+  std::vector<Point3*> v;
+  hc3.getVertices(v);
+  if (v.size() < 4) return nullptr;
+  Point3* a = v[0];
+  Point3* b = v[1];
+  double pa[3], pb[3];
+  a->xyz(pa[0], pa[1], pa[2]);
+  b->xyz(pb[0], pb[1], pb[2]);
+  size_t k = 2;
+  for (; k < v.size(); ++k) {
+    double pc[3];
+    v[k]->xyz(pc[0], pc[1], pc[2]);
+    // Collinear exactly when all three coordinate projections are.
+    double axy[2] = {pa[0], pa[1]}, bxy[2] = {pb[0], pb[1]}, cxy[2] = {pc[0], pc[1]};
+    double ayz[2] = {pa[1], pa[2]}, byz[2] = {pb[1], pb[2]}, cyz[2] = {pc[1], pc[2]};
+    double azx[2] = {pa[2], pa[0]}, bzx[2] = {pb[2], pb[0]}, czx[2] = {pc[2], pc[0]};
+    if (predicates.orient2d(axy, bxy, cxy) != 0.0 || predicates.orient2d(ayz, byz, cyz) != 0.0 ||
+        predicates.orient2d(azx, bzx, czx) != 0.0)
+      break;
+  }
+  if (k + 1 >= v.size()) return nullptr;
+  Point3* c = v[k];
+  for (size_t l = k + 1; l < v.size(); ++l) {
+    Point3* d = v[l];
+    Orientation3 ori = predicates.getOrientation3(a, b, c, d);
+    if (ori == ORI3_ZERO) continue;
+    if (ori == ORIENTATION3_NEGATIVE) std::swap(a, b);
+    ori = predicates.getOrientation3(a, b, c, d);
+    VELM_ASSERT(ori==ORIENTATION3_POSITIVE);
+    Tet3* pTet = createTet(a, b, c, d);
+    bFullDimensional = true;
+    return pTet;
+  }
+  return nullptr;
+}
+
+// ---------------------------------------------------------------------------
+// Insertion driver.
+
+void Dt3::insertVector(std::vector<Point3>& vPoints, std::vector<Point3*>& vUserHandles) {
+  if (bVerbose) std::cout << std::endl << "Dt3::insert(vector,vector) has been called" << std::endl;
+  if (!vUserHandles.empty()) {
+    warning("Dt3::insert()", "vUserHandles is not empty as it should be");
+    vUserHandles.clear();
+  }
+  const size_t n = vPoints.size();
+  std::cout << "numPoints=" << n << std::endl;
+  if (n == 0) return;
+  std::vector<Point3*> vNewVertices;
+  hc3.addPoints(vPoints, vUserHandles, vNewVertices);
+
+  if (bFullDimensional) {
+    // A batch of points that are all stored already brings nothing new.
+    if (vNewVertices.empty()) return;
+    triangulate(vNewVertices, hc3.getCloseTet(vNewVertices[0]));
+    return;
+  }
+  Tet3* pFirstTet = createInitialTet();
+  if (pFirstTet == nullptr) return;
+  if (hc3.getNumStoredVtx() == n) {
+    triangulate(vNewVertices, pFirstTet);
+  } else {
+    std::vector<Point3*> vAll;
+    hc3.getVertices(vAll);
+    triangulate(vAll, pFirstTet);
+  }
+}
+
+Point3* Dt3::insert(Point3& p) {
+  std::pair<Point3*, Tet3*> stored = hc3.addPoint(p);
+  Point3* pVtx = stored.first;
+  if (bFullDimensional) {
+    Tet3* pLastTet = stored.second;
+    // The curve neighbour may be a vertex still waiting outside the mesh;
+    // then the store's full scan finds a start.
+    if (pLastTet == nullptr) pLastTet = hc3.getCloseTet(pVtx);
+    VELM_ASSERT(!pLastTet->hasBeenVisited);
+    insertVertex(pVtx, pLastTet);
+    return pVtx;
+  }
+  Tet3* pFirstTet = createInitialTet();
+  if (pFirstTet != nullptr && hc3.getNumStoredVtx() >= 5) {
+    // Deliberately empty: the other stored vertices wait outside the mesh
+    // until a later insertion brings them in.
+    std::vector<Point3*> vNone;
+    triangulate(vNone, pFirstTet);
+  }
+  return pVtx;
+}
+
+void getLevelsRec(std::vector<Point3*>& vVertices, unsigned long first, unsigned long last, int level,
+                  int maxLevel, std::vector<std::vector<Point3*>>& vvLevels) {
+  if (last - first < 2 || level >= maxLevel) {
+    for (unsigned long i = first; i < last; ++i) vvLevels[level].push_back(vVertices[i]);
+    return;
+  }
+  const unsigned long mid = first + (last - first) / 2;
+  vvLevels[level].push_back(vVertices[mid]);
+  getLevelsRec(vVertices, first, mid, level + 1, maxLevel, vvLevels);
+  getLevelsRec(vVertices, mid + 1, last, level + 1, maxLevel, vvLevels);
+}
+
+// Inserts in levels of increasing fineness over the curve-ordered list; each
+// level is walked in the direction that starts where the previous one ended.
+void Dt3::triangulate(std::vector<Point3*>& vVertices, Tet3* pLastTet) {
+  if (pLastTet == nullptr) {
+    goToHell("pLastTet==NULL in Dt3::triangulate");
+    return;
+  }
+  if (vVertices.empty()) {
+    std::cout << "Attention: triangulate has got an empty vector" << std::endl;
+    return;
+  }
+  const unsigned long n = vVertices.size();
+  const int numLevels =
+      std::max(static_cast<int>(std::ceil(std::log(static_cast<double>(n)) / 0.6931471805599453)) - 4, 0);
+  std::vector<std::vector<Point3*>> vvLevels(numLevels + 1);
+  getLevelsRec(vVertices, 0, n, 0, numLevels, vvLevels);
+
+  Tet3* pCur = pLastTet;
+  for (int k = 0; k <= numLevels; ++k) {
+    std::vector<Point3*>& vLevel = vvLevels[k];
+    if (k % 2 == 0) {
+      for (size_t i = vLevel.size(); i-- > 0;) pCur = insertVertex(vLevel[i], pCur);
+    } else {
+      for (size_t i = 0; i < vLevel.size(); ++i) pCur = insertVertex(vLevel[i], pCur);
+    }
+  }
+}
+
+void Dt3::debug_triangulateInOrder(std::vector<Point3*>& vVertices, Tet3* pLastTet) {
+  fatBar("This is debug_triangulateInOrder", false, false);
+  for (Point3*& pVtx : vVertices) pLastTet = insertVertex(pVtx, pLastTet);
+}
+
+Tet3* Dt3::locate(Point3 p) {
+  Tet3* pTet = hc3.getCloseTet(p);
+  if (pTet == nullptr) return nullptr;
+  const int locateResult = locateConflictTet(&p, pTet);
+  if (locateResult == -1 || locateResult == -2) return pTet;
+  return nullptr;
+}
+
+void Dt3::insertPendingPoints() { fatBar("Dt3::insertPendingPoints() is currently not active", false, false); }
+
+Point3* Dt3::createPendingVertex(double, double, double) {
+  fatBar("Dt3::createPendingVertex is disabled", false, false);
+  return nullptr;
+}
+
+// ---------------------------------------------------------------------------
+// Point location: a visibility walk by exact orientation tests that never
+// tests the facet through which it entered a tetrahedron.
+//
+// Results: -1 the point is in pStartTet and in conflict with it; -2 a corner
+// of pStartTet has the point's coordinates; 0..3 a hull facet of pStartTet
+// that the point lies beyond, or in whose closed triangle it lies; -99 the
+// step limit ran out.
+
+int Dt3::locateConflictTet(Point3* pVtx, Tet3*& pStartTet) {
+  if (pStartTet == nullptr) {
+    goToHell("locateConflictTet");
+    return -99;
+  }
+  int ith = 0;
+  int numFacetsLeft = 4;
+  int numSteps = 0;
+  while (true) {
+    if (numSteps == 10000) {
+      // The walk cycled or the mesh is damaged: step to a random neighbour so
+      // that a retry would start elsewhere, and give up.
+      Tet3* pNeigh = pStartTet->getOppTet(rand() % 4);
+      if (pNeigh != nullptr) pStartTet = pNeigh;
+      std::cout << "watchDog: bad point" << std::endl;
+      return -99;
+    }
+    ++numSteps;
+    const Orientation3 ori = predicates.getOrientation3(pStartTet, ith, pVtx);
+    if (ori == ORIENTATION3_NEGATIVE) {
+      Tet3* pNext = pStartTet->getOppTet(ith);
+      if (pNext == nullptr) return ith;
+      const int entry = pNext->getIntraTetIndex(pStartTet);
+      pStartTet = pNext;
+      ith = nextFacetIndex[entry];
+      numFacetsLeft = 3;
+      continue;
+    }
+    if (ori == ORI3_ZERO) {
+      // The point lies in the plane of facet ith: find out where exactly.
+      if (pStartTet->hasVertex(*pVtx)) return -2;
+      int numPositive = 0, numNegative = 0, numCoplanar = 0;
+      int outIndex = -1, opp2ICI = -1;
+      for (int k = 0; k < 4; ++k) {
+        const Orientation3 oriK = predicates.getOrientation3(pStartTet, k, pVtx);
+        if (oriK == ORIENTATION3_POSITIVE) {
+          ++numPositive;
+        } else if (oriK == ORIENTATION3_NEGATIVE) {
+          ++numNegative;
+        } else {
+          ++numCoplanar;
+          if (pStartTet->getOppTet(k) == nullptr) outIndex = k;
+          if (k != ith) opp2ICI = k;
+        }
+      }
+      if (numNegative == 0) {
+        // At this point the point lies in the closed tetrahedron.
+        if (numPositive == 3 && numCoplanar == 1) return outIndex;
+        VELM_ASSERT(numPositive==2);
+        VELM_ASSERT(numCoplanar==2);
+        VELM_ASSERT(opp2ICI>=0);
+        // On the edge shared by facets ith and opp2ICI: circulate round it
+        // until it closes (an inner edge) or reaches the hull.
+        const Edge3 startEdge(pStartTet, ith, opp2ICI);
+        TetAroundEdgeIterator it(startEdge);
+        while (it.getTet()->getOppTet(it.getOpp2Index()) != nullptr) {
+          ++it;
+          if (it.getEdge() == startEdge && it.getTet() == startEdge.getTet()) return -1;
+        }
+        pStartTet = it.getTet();
+        outIndex = it.getOpp2Index();
+        VELM_ASSERT(pStartTet!=NULL);
+        VELM_ASSERT(pStartTet->getOppTet(outIndex)==NULL);
+        return outIndex;
+      }
+      // A negative facet exists: go on as if this facet were positive.
+    }
+    ith = nextFacetIndex[ith];
+    if (--numFacetsLeft == 0) {
+      // All four facets are positive: the point is strictly inside.
+      VELM_ASSERT(predicates.getOrientation3(pStartTet,0,pVtx)==ORIENTATION3_POSITIVE);
+      VELM_ASSERT(predicates.getOrientation3(pStartTet,1,pVtx)==ORIENTATION3_POSITIVE);
+      VELM_ASSERT(predicates.getOrientation3(pStartTet,2,pVtx)==ORIENTATION3_POSITIVE);
+      VELM_ASSERT(predicates.getOrientation3(pStartTet,3,pVtx)==ORIENTATION3_POSITIVE);
+      VELM_ASSERT(predicates.sphereInclusionTest(pStartTet,pVtx)==SIC_INSIDE);
+      return -1;
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Interior insertion: Bowyer-Watson with an explicit stack. The cavity grows
+// from the located tetrahedron over facets whose neighbour has the point
+// strictly inside its circumsphere; each boundary facet gets a new
+// tetrahedron with the point as corner 0, so facet 0 of every new
+// tetrahedron is its outer facet and facets 1, 2, 3 are inner ones.
+
+Tet3* Dt3::insertVertex(Point3*& pVtx, Tet3* pCurTet) {
+  VELM_ASSERT(!pCurTet->hasBeenVisited);
+  VELM_ASSERT(numStoredTCS==0);
+  VELM_ASSERT(vHashCollisions.empty());
+  poolTwoTet.reset();
+
+  const int locateResult = locateConflictTet(pVtx, pCurTet);
+  if (locateResult == -2) return duplicateInsertCheck(pVtx, pCurTet, locateResult);
+  VELM_ASSERT(locateResult!=-99);
+  if (locateResult >= 0) {
+    Tet3* pRet = ch_insertVertex(pVtx, pCurTet, locateResult);
+    VELM_ASSERT(pRet!=NULL);
+    VELM_ASSERT(!pRet->hasBeenVisited);
+    return pRet;
+  }
+  VELM_ASSERT(locateResult==-1);
+
+  swapDoomedVectors();
+  doom(pCurTet);
+  vStack.push_back(pCurTet);
+  pCurTet->hasBeenVisited = true;
+
+  Tet3* pNewTet = nullptr;
+  while (!vStack.empty()) {
+    Tet3* pCavTet = vStack.back();
+    vStack.pop_back();
+    for (int ith = 3; ith >= 0; --ith) {
+      Tet3* pOppTet = pCavTet->getOppTet(ith);
+      if (pOppTet != nullptr) {
+        if (pOppTet->hasBeenVisited) continue;
+        if (predicates.sphereInclusionTest(pOppTet, pVtx) != SIC_OUTSIDE) {
+          pOppTet->hasBeenVisited = true;
+          vStack.push_back(pOppTet);
+          doom(pOppTet);
+          continue;
+        }
+      }
+      // At this point facet ith lies on the cavity's boundary.
+      pNewTet = createTet(pCavTet, ith, pVtx);
+      if (pOppTet != nullptr) registerTets(pNewTet, 0, pOppTet, pOppTet->getIntraTetIndex(pCavTet));
+      registerInnerFacets(pNewTet);
+    }
+  }
+  tcsFinalPass();
+  if (numStoredTCS != 0) {
+    std::cout << "numStoredTCS after insertVertex: " << numStoredTCS << std::endl;
+    VELM_ASSERT(numStoredTCS==0);
+  }
+  return pNewTet;
+}
+
+Tet3* Dt3::duplicateInsertCheck(Point3*& pVtx, Tet3* pCurTet, int locateResult) {
+  VELM_ASSERT(locateResult==-2);
+  for (int i = 0; i < 4; ++i) {
+    Point3* pCorner = pCurTet->getCorner(i);
+    if (*pCorner == *pVtx) {
+      pVtx = pCorner;
+      return pCurTet;
+    }
+  }
+  error("insertVertex()", "Proxy not found");
+  return nullptr;
+}
+
+// ---------------------------------------------------------------------------
+// Facet registry. All inner facets of one insertion contain the new vertex,
+// so an inner facet is named by its two other vertices. The first
+// tetrahedron with a pair leaves an open entry, the second closes it and the
+// two are linked at once. 1024 buckets of one entry plus a flat overflow list.
+
+void Dt3::registerInnerFacets(Tet3* pNewTet) {
+  Point3* p[3] = {pNewTet->getCorner(1), pNewTet->getCorner(2), pNewTet->getCorner(3)};
+  int idx[3] = {1, 2, 3};
+  // Three-element sort by address, keeping each corner's index.
+  if (p[1] < p[0]) {
+    std::swap(p[0], p[1]);
+    std::swap(idx[0], idx[1]);
+  }
+  if (p[2] < p[1]) {
+    std::swap(p[1], p[2]);
+    std::swap(idx[1], idx[2]);
+    if (p[1] < p[0]) {
+      std::swap(p[0], p[1]);
+      std::swap(idx[0], idx[1]);
+    }
+  }
+  tcsTreatment(tcsHash(p[1], p[2]), pNewTet, idx[0], p[1], p[2]);
+  tcsTreatment(tcsHash(p[0], p[2]), pNewTet, idx[1], p[0], p[2]);
+  tcsTreatment(tcsHash(p[0], p[1]), pNewTet, idx[2], p[0], p[1]);
+}
+
+void Dt3::tcsTreatment(unsigned long hash, Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh) {
+  TwoTetStruct*& pBucket = vTcsTable[hash];
+  if (pBucket == nullptr) {
+    TwoTetStruct* pEntry = poolTwoTet.nextObject();
+    pEntry->pVtxLow = pVtxLow;
+    pEntry->pVtxHigh = pVtxHigh;
+    pEntry->pTet = pTet;
+    pEntry->ith = ith;
+    pBucket = pEntry;
+    ++numStoredTCS;
+    return;
+  }
+  if (pBucket->pVtxLow == pVtxLow && pBucket->pVtxHigh == pVtxHigh) {
+    --numStoredTCS;
+    registerTets(pBucket->pTet, pBucket->ith, pTet, ith);
+    pBucket = nullptr;
+    return;
+  }
+  for (auto it = vHashCollisions.begin(); it != vHashCollisions.end(); ++it) {
+    TwoTetStruct* pEntry = *it;
+    if (pEntry->pVtxLow == pVtxLow && pEntry->pVtxHigh == pVtxHigh && pEntry->pTet != pTet) {
+      registerTets(pEntry->pTet, pEntry->ith, pTet, ith);
+      vHashCollisions.erase(it);
+      --numStoredTCS;
+      return;
+    }
+  }
+  TwoTetStruct* pEntry = poolTwoTet.nextObject();
+  pEntry->pVtxLow = pVtxLow;
+  pEntry->pVtxHigh = pVtxHigh;
+  pEntry->pTet = pTet;
+  pEntry->ith = ith;
+  vHashCollisions.push_back(pEntry);
+  ++numStoredTCS;
+}
+
+// A pair whose first half went to the overflow list while another pair held
+// its bucket can find its second half in that bucket later; offering the
+// list again from its back closes such pairs.
+void Dt3::tcsFinalPass() {
+  const long n = static_cast<long>(vHashCollisions.size());
+  for (long i = n - 1; i >= 0; --i) {
+    TwoTetStruct* pEntry = vHashCollisions[i];
+    tcsTreatment(tcsHash(pEntry->pVtxLow, pEntry->pVtxHigh), pEntry->pTet, pEntry->ith,
+                 pEntry->pVtxLow, pEntry->pVtxHigh);
+    --numStoredTCS;
+  }
+  vHashCollisions.clear();
+}
+
+void Dt3::registerTets(Tet3* fromTet, int ith, Tet3* toTet, int jth) {
+  VELM_ASSERT(range03(ith));
+  VELM_ASSERT(range03(jth));
+  VELM_ASSERT(toTet!=NULL);
+  if (fromTet == toTet) {
+    std::cout << "register tets has been called with fromTet==toTet==" << static_cast<void*>(fromTet)
+              << std::endl;
+    std::cout << *fromTet << std::endl;
+    VELM_ASSERT(fromTet!=toTet);
+  }
+  toTet->setOppTet(jth, fromTet);
+  fromTet->setOppTet(ith, toTet);
+}
+
+void Dt3::tcsReset() {
+  std::fill(vTcsTable.begin(), vTcsTable.end(), nullptr);
+  vHashCollisions.clear();
+  poolTwoTet.reset();
+  numStoredTCS = 0;
+}
+
+bool Dt3::isRegistryEmpty() const {
+  if (numStoredTCS != 0 || !vHashCollisions.empty()) return false;
+  for (const TwoTetStruct* pEntry : vTcsTable)
+    if (pEntry != nullptr) return false;
+  return true;
+}
+
+// ---------------------------------------------------------------------------
+// Hull insertion: the point lies on or beyond the hull. The tetrahedra with a
+// hull facet that the point sees are found by a flood over the hull surface;
+// those in conflict go (with the conflict flood from them), the others stay
+// and get a new tetrahedron on each visible hull facet.
+
+Tet3* Dt3::ch_insertVertex(Point3*& pVtx, Tet3* pCurTet, int opp3ICI) {
+  VELM_ASSERT(pCurTet!=NULL);
+  VELM_ASSERT(opp3ICI>-1);
+  VELM_ASSERT(numStoredTCS==0);
+  swapDoomedVectors();
+  std::vector<Tet3*> vVisibleTets, vStayTets, vDoomedTets;
+  ch_getVisibleTets(pVtx, pCurTet, opp3ICI, vVisibleTets);
+  extractVisibleStayAndToBeDoomed(vVisibleTets, vStayTets, vDoomedTets, pVtx);
+  Tet3* pNewTet1 = glueTetsToVisibleKeptOnes(vStayTets, pVtx);
+  Tet3* pNewTet2 = nullptr;
+  if (!vDoomedTets.empty()) pNewTet2 = glueTetsToBackSidesOfDoomedOnes(vDoomedTets, pVtx);
+  tcsFinalPass();
+  // What is still open now are the new hull facets; they keep null links.
+  tcsReset();
+  if (pNewTet1 != nullptr) return pNewTet1;
+  if (pNewTet2 != nullptr) return pNewTet2;
+  VELM_ASSERT(pNewTet1!=NULL);
+  return nullptr;
+}
+
+void Dt3::ch_getVisibleTets(Point3*& pVtx, Tet3* pStartTet, int opp3ICI, std::vector<Tet3*>& vVisibleTets) {
+  // The start facet counts as visible without a test: the point may lie in
+  // its plane.
+  vVisibleTets.push_back(pStartTet);
+  std::set<Edge3> sEdges;
+  std::vector<Edge3> vEdgeStack;
+  for (int k = 0; k < 4; ++k) {
+    if (k == opp3ICI) continue;
+    const Edge3 e = pStartTet->getEdge(opp3ICI, k);
+    vEdgeStack.push_back(e);
+    sEdges.insert(e);
+  }
+  while (!vEdgeStack.empty()) {
+    TetAroundEdgeIterator it(vEdgeStack.back());
+    vEdgeStack.pop_back();
+    // Turn away from the hull facet through the interior until the other
+    // hull facet at this edge.
+    while (it.getTet()->getOppTet(it.getOpp2Index()) != nullptr) ++it;
+    Tet3* pCurTet = it.getTet();
+    const int opp2ICI = it.getOpp2Index();
+    VELM_ASSERT(pCurTet->getOppTet(opp2ICI)==NULL);
+    if (predicates.getOrientation3(pCurTet, opp2ICI, pVtx) != ORIENTATION3_NEGATIVE) continue;
+    for (int k = 0; k < 4; ++k) {
+      if (k == opp2ICI) continue;
+      const Edge3 e = pCurTet->getEdge(opp2ICI, k);
+      if (sEdges.insert(e).second) vEdgeStack.push_back(e);
+    }
+    vVisibleTets.push_back(pCurTet);
+  }
+  // A tetrahedron with several visible hull facets is listed once.
+  oneInstance(vVisibleTets);
+}
+
+void Dt3::extractVisibleStayAndToBeDoomed(std::vector<Tet3*>& vVisibleTets, std::vector<Tet3*>& vStayTets,
+                                          std::vector<Tet3*>& vDoomedTets, Point3* pVtx) {
+  for (Tet3* pTet : vVisibleTets) {
+    if (predicates.sphereInclusionTest(pTet, pVtx) != SIC_OUTSIDE) {
+      vDoomedTets.push_back(pTet);
+      pTet->hasBeenVisited = true;
+      doom(pTet);
+    } else {
+      vStayTets.push_back(pTet);
+    }
+  }
+  if (vDoomedTets.empty()) return;
+  std::vector<Tet3*> vWork(vDoomedTets);
+  while (!vWork.empty()) {
+    Tet3* pCurTet = vWork.back();
+    vWork.pop_back();
+    VELM_ASSERT(pCurTet!=NULL);
+    for (int i = 0; i < 4; ++i) {
+      Tet3* pOppTet = pCurTet->getOppTet(i);
+      if (pOppTet == nullptr || pOppTet->hasBeenVisited) continue;
+      if (predicates.sphereInclusionTest(pOppTet, pVtx) != SIC_OUTSIDE) {
+        doom(pOppTet);
+        pOppTet->hasBeenVisited = true;
+        vWork.push_back(pOppTet);
+        vDoomedTets.push_back(pOppTet);
+      }
+    }
+  }
+}
+
+Tet3* Dt3::glueTetsToVisibleKeptOnes(std::vector<Tet3*>& vStayTets, Point3* pVtx) {
+  if (vStayTets.empty()) return nullptr;
+  Tet3* pNewTet = nullptr;
+  for (Tet3* pCHTet : vStayTets) {
+    VELM_ASSERT(!pCHTet->hasBeenVisited);
+    for (int k = 0; k < 4; ++k) {
+      if (pCHTet->getOppTet(k) != nullptr) continue;
+      const Orientation3 orient = predicates.getOrientation3(pCHTet, k, pVtx);
+      if (orient == ORIENTATION3_POSITIVE || orient == ORI3_ZERO) continue;
+      VELM_ASSERT(orient==ORIENTATION3_NEGATIVE);
+      // The corners of facet k in the order of its orientation test: the new
+      // tetrahedron lies outside, with facet 0 against facet k.
+      Point3* c0 = pCHTet->getCorner(0);
+      Point3* c1 = pCHTet->getCorner(1);
+      Point3* c2 = pCHTet->getCorner(2);
+      Point3* c3 = pCHTet->getCorner(3);
+      switch (k) {
+      case 0: pNewTet = createTet(pVtx, c1, c3, c2); break;
+      case 1: pNewTet = createTet(pVtx, c0, c2, c3); break;
+      case 2: pNewTet = createTet(pVtx, c0, c3, c1); break;
+      default: pNewTet = createTet(pVtx, c0, c1, c2); break;
+      }
+      registerTets(pNewTet, 0, pCHTet, k);
+      registerInnerFacets(pNewTet);
+    }
+  }
+  VELM_ASSERT(pNewTet!=NULL);
+  return pNewTet;
+}
+
+Tet3* Dt3::glueTetsToBackSidesOfDoomedOnes(std::vector<Tet3*>& vDoomedTets, Point3* pVtx) {
+  if (vDoomedTets.empty()) {
+    std::cout << "Warning: vDoomedTets() without input tets, returning NULL" << std::endl;
+    VELM_ASSERT(false);
+  }
+  Tet3* pNewTet = nullptr;
+  for (Tet3* pDoomedTet : vDoomedTets) {
+    VELM_ASSERT(pDoomedTet->hasBeenVisited);
+    for (int k = 0; k < 4; ++k) {
+      // A facet seen from outside vanishes with the tetrahedron; a coplanar
+      // one would give a flat tetrahedron.
+      if (predicates.getOrientation3(pDoomedTet, k, pVtx) != ORIENTATION3_POSITIVE) continue;
+      Tet3* pOppTet = pDoomedTet->getOppTet(k);
+      if (pOppTet != nullptr && pOppTet->hasBeenVisited) continue;
+      pNewTet = createTet(pDoomedTet, k, pVtx);
+      VELM_ASSERT(pNewTet!=NULL);
+      VELM_ASSERT(!pNewTet->hasBeenVisited);
+      if (pOppTet != nullptr) {
+        VELM_ASSERT(!pOppTet->hasBeenVisited);
+        registerTets(pNewTet, 0, pOppTet, pOppTet->getIntraTetIndex(pDoomedTet));
+      }
+      registerInnerFacets(pNewTet);
+    }
+  }
+  VELM_ASSERT(pNewTet!=NULL);
+  return pNewTet;
+}
+
+// ---------------------------------------------------------------------------
+// Queries. They walk the mesh from the incident tetrahedra of the vertices
+// with a visited set of their own (never the hasBeenVisited mark) and give
+// their results in ascending address order, except getIncidentTetrahera,
+// which gives discovery order.
+
+void Dt3::getAllTetrahedra(std::vector<Tet3*>& vTet) {
+  VELM_ASSERT(vTet.empty());
+  std::vector<Point3*> vVertices;
+  hc3.getVertices(vVertices);
+  Tet3* pSeed = nullptr;
+  for (Point3* pVtx : vVertices) {
+    Tet3* pTet = pVtx->getOneTet();
+    if (pTet != nullptr && !pTet->hasBeenVisited) {
+      pSeed = pTet;
+      break;
+    }
+  }
+  if (pSeed == nullptr) {
+    std::cout << "Dt3::getAllTetrahedra(), oneTet==NULL" << std::endl;
+    return;
+  }
+  std::unordered_set<Tet3*> sSeen;
+  std::vector<Tet3*> vWork;
+  vWork.push_back(pSeed);
+  sSeen.insert(pSeed);
+  vTet.push_back(pSeed);
+  while (!vWork.empty()) {
+    Tet3* pCurrentTet = vWork.back();
+    vWork.pop_back();
+    VELM_ASSERT(pCurrentTet!=NULL);
+    for (int i = 0; i < 4; ++i) {
+      Tet3* pOpp = pCurrentTet->getOppTet(i);
+      if (pOpp != nullptr && sSeen.insert(pOpp).second) {
+        vWork.push_back(pOpp);
+        vTet.push_back(pOpp);
+      }
+    }
+  }
+  std::sort(vTet.begin(), vTet.end());
+}
+
+void Dt3::getTetsAroundVertex(Point3* pVtx, std::vector<Tet3*>& vTet) {
+  Tet3* pSeed = pVtx->getOneTet();
+  if (pSeed == nullptr) error("Dt3::getTetsAroundVertex()", "pVtx does not belong to the triangulation");
+  std::set<Tet3*> sSeen;
+  std::vector<Tet3*> vWork;
+  vWork.push_back(pSeed);
+  sSeen.insert(pSeed);
+  while (!vWork.empty()) {
+    Tet3* pTet = vWork.back();
+    vWork.pop_back();
+    const int k = pTet->getIntraTetIndex(pVtx);
+    for (int i = 0; i < 4; ++i) {
+      if (i == k) continue;
+      Tet3* pOpp = pTet->getOppTet(i);
+      if (pOpp != nullptr && sSeen.insert(pOpp).second) vWork.push_back(pOpp);
+    }
+  }
+  vTet.insert(vTet.end(), sSeen.begin(), sSeen.end());
+}
+
+void Dt3::getIncidentTetrahera(Point3* pVtx, std::vector<Tet3*>& vTet) {
+  if (!bFullDimensional) {
+    warning("Dt3::getIncidentTetrahedra()", "triangulation is not full dimensional yet");
+    return;
+  }
+  if (pVtx->getOneTet() == nullptr) {
+    warning("Dt3::getIncidentTetrahedra()", "pVtx not triangulated yet");
+    return;
+  }
+  std::set<Tet3*> sSeen;
+  std::vector<Tet3*> vWork;
+  vWork.push_back(pVtx->getOneTet());
+  while (!vWork.empty()) {
+    Tet3* pTet = vWork.back();
+    vWork.pop_back();
+    for (int i = 0; i < 4; ++i) {
+      Tet3* pOpp = pTet->getOppTet(i);
+      if (pOpp == nullptr || !pOpp->hasVertex(pVtx) || !sSeen.insert(pOpp).second) continue;
+      vTet.push_back(pOpp);
+      vWork.push_back(pOpp);
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Validity check: exact orientation of every neighbour's opposite vertex and,
+// on request, the empty-sphere property. Stops at the first fault and leaves
+// a Geomview picture of it.
+
+bool Dt3::checkValidity(const std::string& where, bool bCheckVisited, bool bCheckSphereInc) {
+  std::vector<Tet3*> vTets;
+  getAllTetrahedra(vTets);
+  std::cout << redString("\n\n** CheckValidity at [ " + where + "]:", 0)
+            << " Number of tetrahedra: " << vTets.size() << std::endl;
+  std::cout << (bCheckVisited ? "   with --checkvisited" : "   without --checkvisited") << std::endl;
+  std::cout << (bCheckSphereInc ? "   with --checkSphereInc" : "   without --checkSphereInc") << std::endl;
+  std::cout << "   vTets.size()=" << vTets.size() << std::endl;
+
+  for (Tet3* pCurTet : vTets) {
+    if (bCheckVisited && pCurTet->hasBeenVisited) {
+      error("Dt3::CheckValidity()", "pcurrentTet->hasBeenvisited=true");
+      std::cout << *pCurTet << std::endl;
+      VELM_ASSERT(false);
+    }
+    for (int i = 0; i < 4; ++i) {
+      Point3* pOppVtx = pCurTet->getOppVtxInOppTet(i, true);
+      if (pOppVtx == nullptr) continue;
+      const Orientation3 ori = predicates.getOrientation3(pCurTet, i, pOppVtx);
+      if (ori != ORIENTATION3_NEGATIVE) {
+        fatBar("ERROR: checkValidity at [" + where + "]", false, false);
+        std::cout << "Dt3::checkValidity, HUH, vertex " << static_cast<void*>(pOppVtx)
+                  << " should be on the negative side, tet=" << std::endl;
+        std::cout << *pCurTet << "oppIndex=" << i << ", Vertex=" << static_cast<void*>(pOppVtx) << "="
+                  << *pOppVtx << std::endl;
+        showOrientation(ori, "checkValidity");
+        show(globalPrefix() + "negSideBug.list", pOppVtx);
+        return false;
+      }
+      if (bCheckSphereInc && predicates.sphereInclusionTest(pCurTet, pOppVtx) == SIC_INSIDE) {
+        fatBar("checkValidity: ERROR ERROR ERROR", false, false);
+        std::cout << "Dt3::checkValidity, HUH - sphereIncTest failed: " << std::endl;
+        std::cout << *pCurTet << ", Vertex=" << static_cast<void*>(pOppVtx) << "=" << *pOppVtx << std::endl;
+        Visualizer3 vis(globalPrefix() + "sphereIncBug.list");
+        vis.writeTetrahedron(pCurTet, "1 0 0 0.5");
+        vis.writePoint(*pOppVtx, 8, Visualizer3::CWHITE);
+        const Point3 center(pCurTet->getCircumcenter());
+        const Point3* p0 = pCurTet->getCorner(0);
+        const double dx = center.x() - p0->x(), dy = center.y() - p0->y(), dz = center.z() - p0->z();
+        vis.writeBall(center, dx * dx + dy * dy + dz * dz, true);
+        vis.closeFile();
+        return false;
+      }
+    }
+  }
+  std::cout << greenString("** CheckValidity at (" + where + ") has been finished, seems OK", 0) << std::endl
+            << std::endl;
+  return true;
+}
+
+// ---------------------------------------------------------------------------
+// Debug output.
+
+void Dt3::print(const std::string& name) {
+  std::vector<Tet3*> vTets;
+  getAllTetrahedra(vTets);
+  std::cout << yellowString("\n\n**** Dt3::print(" + name + "), numTets=" + toString(vTets.size()), 0)
+            << std::endl;
+  for (Tet3* pTet : vTets) std::cout << *pTet << std::endl << std::endl;
+}
+
+void Dt3::show(const std::string& filename, Point3* pVtx) {
+  std::vector<Tet3*> vTets;
+  getAllTetrahedra(vTets);
+  std::cout << yellowString("  Dt3::show(): vTets.size()=" + toString(vTets.size()), 0) << std::endl;
+  Visualizer3 vis(filename);
+  for (Tet3* pTet : vTets) {
+    vis.writeTetrahedron(pTet, Visualizer3::getNextColor());
+    for (int i = 0; i < 4; ++i) vis.writePoint(*pTet->getCorner(i), 5, Visualizer3::CGREEN);
+  }
+  if (pVtx != nullptr) vis.writePoint(*pVtx, 10, Visualizer3::CRED);
+  vis.closeFile();
+}
+
+void Dt3::showOrientation(Orientation3 ori, const std::string& s) {
+  std::cout << s << ": ";
+  switch (ori) {
+  case ORIENTATION3_POSITIVE: std::cout << "positive" << std::endl; break;
+  case ORIENTATION3_NEGATIVE: std::cout << "negative" << std::endl; break;
+  case ORI3_ZERO: std::cout << "coplanar" << std::endl; break;
+  default: break;
+  }
+}
+
+void showTets(const std::string& filename, std::vector<Tet3*>& vTets) {
+  Visualizer3 vis(filename);
+  for (Tet3* pTet : vTets) vis.writeTetrahedron(pTet, Visualizer3::getNextColor());
+  vis.closeFile();
+}
+
+void showTets(const std::string& filename, std::vector<Tet3*>& vTets, const Point3& p) {
+  Visualizer3 vis(filename);
+  for (Tet3* pTet : vTets) vis.writeTetrahedron(pTet, Visualizer3::getNextColor());
+  vis.writePoint(p, 4, Visualizer3::CWHITE);
+  vis.closeFile();
+}
+
+void listTets(const std::string& name, std::vector<Tet3*>& vTets, bool bPointersOnly) {
+  std::cout << std::endl;
+  std::cout << "List of tetrahedra [ " << name << " ]; " << vTets.size() << " tets" << std::endl;
+  for (Tet3* pTet : vTets) {
+    if (bPointersOnly)
+      std::cout << static_cast<void*>(pTet) << std::endl;
+    else
+      std::cout << *pTet << std::endl;
+  }
+  std::cout << std::endl;
+}
+
+} // namespace VELM3D

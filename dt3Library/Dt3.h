@@ -1,0 +1,175 @@
+// Dt3.h: the triangulation object behind the facade.
+//
+// Dt3 owns all tetrahedra (through poolTet), all vertices (through hc3), the
+// exact predicates and the facet registry. It has two states: before the
+// first tetrahedron (points only collect in hc3) and after it (every new
+// point is located and inserted). The move is one-way.
+//
+// Mesh invariants, which hold between insertions and which every insertion
+// restores:
+//  - Facet i is opposite corner i; neighbour i is the tetrahedron across it,
+//    null at a hull facet. There is no infinite vertex: the live tetrahedra
+//    fill the convex hull of the inserted vertices.
+//  - Corners 0..3 of a live tetrahedron are ORIENTATION3_POSITIVE; the
+//    neighbour's opposite vertex lies strictly on the negative side of the
+//    shared facet.
+//  - Neighbour links are symmetric; no live tetrahedron refers to a retired
+//    one. hasBeenVisited is false on live and true on retired tetrahedra.
+//  - No vertex lies strictly inside a live circumsphere (cospherical vertices
+//    are allowed and left as they fall).
+//  - Point3::getOneTet of a mesh vertex is a live incident tetrahedron.
+//  - The facet registry is empty.
+//
+// Retired tetrahedra are recycled: an insertion dooms into vDoomed, and the
+// exchange of vDoomed and vDoomedPrev at the start of the next insertion
+// makes them available to createTet, last retired first reused.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "BrixTest3.h"
+#include "HC3.h"
+#include "freeFunctions.h"
+#include "SimplePool.h"
+#include "Tet3.h"
+
+namespace VELM3D {
+
+class Velm_3D;
+class Surface3;
+
+// One open facet of the insertion at work: a tetrahedron and the index of a
+// facet that waits for its partner. The facet is named by its two vertices
+// other than the new vertex, lower address first.
+struct TwoTetStruct {
+  Point3* pVtxLow;
+  Point3* pVtxHigh;
+  Tet3* pTet;
+  int ith;
+};
+
+void getLevelsRec(std::vector<Point3*>& vVertices, unsigned long first, unsigned long last,
+                  int level, int maxLevel, std::vector<std::vector<Point3*>>& vvLevels);
+
+class Dt3 {
+public:
+  explicit Dt3(Velm_3D* pInterface);
+  ~Dt3();
+  Dt3(const Dt3&) = delete;
+  Dt3& operator=(const Dt3&) = delete;
+
+  // Frame and intake.
+  Velm_3D* getInterface() { return pInterface; }
+  void setVerbosity(bool bVerbose_) { bVerbose = bVerbose_; }
+  bool is3D() const { return bFullDimensional; }
+  void getVertexPointers(std::vector<Point3*>& vVtx) const { hc3.getVertices(vVtx); }
+  void insertVector(std::vector<Point3>& vPoints, std::vector<Point3*>& vUserHandles);
+  Point3* insert(Point3& p);
+
+  // Making and retiring tetrahedra.
+  Tet3* createInitialTet();
+  Tet3* createTet(Point3* a, Point3* b, Point3* c, Point3* d) {
+    Tet3* ret;
+    if (!vDoomedPrev.empty()) {
+      ret = vDoomedPrev.back();
+      vDoomedPrev.pop_back();
+    } else {
+      ret = poolTet.nextObject();
+      VELM_ASSERT(ret!=NULL);
+    }
+    ret->setProperties(a, b, c, d);
+    return ret;
+  }
+  Tet3* createTet(Tet3* pTet, int ith, Point3* pVtx) {
+    const int* fi = Tet3::facetIndices[(ith >= 0 && ith < 3) ? ith : 3];
+    return createTet(pVtx, pTet->getCorner(fi[0]), pTet->getCorner(fi[1]), pTet->getCorner(fi[2]));
+  }
+  void doom(Tet3* pTet) {
+    pTet->setCustomIndex(-1);
+    vDoomed.push_back(pTet);
+  }
+  void swapDoomedVectors() { vDoomed.swap(vDoomedPrev); }
+
+  // Insertion driver.
+  void triangulate(std::vector<Point3*>& vVertices, Tet3* pLastTet);
+  void debug_triangulateInOrder(std::vector<Point3*>& vVertices, Tet3* pLastTet);
+  Tet3* locate(Point3 p);
+  void insertPendingPoints();
+  Point3* createPendingVertex(double x, double y, double z);
+
+  // One insertion.
+  int locateConflictTet(Point3* pVtx, Tet3*& pStartTet);
+  Tet3* insertVertex(Point3*& pVtx, Tet3* pCurTet);
+  Tet3* duplicateInsertCheck(Point3*& pVtx, Tet3* pCurTet, int locateResult);
+
+  // Facet registry.
+  void tcsTreatment(unsigned long hash, Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh);
+  void registerTets(Tet3* fromTet, int ith, Tet3* toTet, int jth);
+  void tcsReset();
+
+  // Hull insertion.
+  Tet3* ch_insertVertex(Point3*& pVtx, Tet3* pCurTet, int opp3ICI);
+  void ch_getVisibleTets(Point3*& pVtx, Tet3* pCurTet, int opp3ICI, std::vector<Tet3*>& vVisibleTets);
+  void extractVisibleStayAndToBeDoomed(std::vector<Tet3*>& vVisibleTets, std::vector<Tet3*>& vStayTets,
+                                       std::vector<Tet3*>& vDoomedTets, Point3* pVtx);
+  Tet3* glueTetsToVisibleKeptOnes(std::vector<Tet3*>& vStayTets, Point3* pVtx);
+  Tet3* glueTetsToBackSidesOfDoomedOnes(std::vector<Tet3*>& vDoomedTets, Point3* pVtx);
+
+  // Queries, validation and debug output.
+  void getAllTetrahedra(std::vector<Tet3*>& vTet);
+  void getTetsAroundVertex(Point3* pVtx, std::vector<Tet3*>& vTet);
+  void getIncidentTetrahera(Point3* pVtx, std::vector<Tet3*>& vTet);
+  bool checkValidity(const std::string& where, bool bCheckVisited, bool bCheckSphereInc);
+  void print(const std::string& name);
+  void show(const std::string& filename, Point3* pVtx);
+  void showOrientation(Orientation3 ori, const std::string& s);
+
+  Surface3* createEmptySurface();
+
+  // Inspection, for tests and statistics.
+  const HC3& getStore() const { return hc3; }
+  HC3& getStore() { return hc3; }
+  const ExactTest& getPredicates() const { return predicates; }
+  const std::vector<Tet3*>& getDoomed() const { return vDoomed; }
+  const std::vector<Tet3*>& getDoomedPrev() const { return vDoomedPrev; }
+  int getNumStoredTCS() const { return numStoredTCS; }
+  size_t getNumHashCollisions() const { return vHashCollisions.size(); }
+  bool isRegistryEmpty() const;
+
+private:
+  // Offers the three inner facets of a new tetrahedron (corner 0 is the new
+  // vertex) to the registry, each named by its pair of other corners.
+  void registerInnerFacets(Tet3* pNewTet);
+  // Offers the overflow list again, from its back, and empties it.
+  void tcsFinalPass();
+  static unsigned long tcsHash(const Point3* pLow, const Point3* pHigh) {
+    const unsigned long a = reinterpret_cast<unsigned long>(pLow);
+    const unsigned long b = reinterpret_cast<unsigned long>(pHigh);
+    return ((a >> 5) & 31) | (b & 0x3E0);
+  }
+
+  BRIX_TOOLS::SimplePool<TwoTetStruct> poolTwoTet;
+  BRIX_TOOLS::SimplePool<Tet3> poolTet;
+  std::vector<Tet3*> vDoomed;
+  std::vector<Tet3*> vDoomedPrev;
+  std::vector<TwoTetStruct*> vTcsTable;
+  std::vector<TwoTetStruct*> vHashCollisions;
+  int numStoredTCS;
+  ExactTest predicates;
+  bool bFullDimensional;
+  HC3 hc3;
+  std::vector<Surface3*> vSurfaces;
+  Velm_3D* pInterface;
+  bool bVerbose;
+  // The cavity stack of insertVertex; kept between calls so that the hot
+  // path does not allocate. Empty between insertions.
+  std::vector<Tet3*> vStack;
+};
+
+// Free debug output of tetrahedron lists.
+void showTets(const std::string& filename, std::vector<Tet3*>& vTets);
+void showTets(const std::string& filename, std::vector<Tet3*>& vTets, const Point3& p);
+void listTets(const std::string& name, std::vector<Tet3*>& vTets, bool bPointersOnly);
+
+} // namespace VELM3D

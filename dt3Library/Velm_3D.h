@@ -1,0 +1,69 @@
+// Velm_3D.h: the public face of libvelm3d, a 3D Delaunay triangulation with
+// exact adaptive-precision predicates.
+//
+// Including this header gives every exported class and function. A caller
+// makes one Velm_3D, inserts points singly or as a vector, and reads vertices
+// and tetrahedra back as raw pointers that the library owns:
+//  - a Point3* handle stays valid as long as the Velm_3D;
+//  - a Tet3* (or a vector of them) stays valid only until the next insertion,
+//    since insertion retires tetrahedra and reuses their records.
+// The caller never frees a handle. A Velm_3D is used from one thread at a
+// time; a few counters and the console are shared by the whole process.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "BrixTest3.h"
+#include "Dt3.h"
+#include "HC3.h"
+#include "Point3.h"
+#include "SimplePool.h"
+#include "Surface3.h"
+#include "Tet3.h"
+#include "Vector3.h"
+#include "Visualizer3.h"
+#include "freeFunctions.h"
+#include "testDataGenerators.h"
+
+namespace VELM3D {
+
+std::string getVelm3DVersion();
+int getMajorVersionNumber();
+int getMinorVersionNumber();
+int getRevisionNumber();
+bool isRelease();
+
+class Velm_3D {
+public:
+  Velm_3D() : pDt3(nullptr) { initVelm(); }
+  ~Velm_3D();
+  Velm_3D(const Velm_3D&) = delete;
+  Velm_3D& operator=(const Velm_3D&) = delete;
+
+  void initVelm();
+  void setVerbosity(bool bVerbose);
+
+  // Stores p (once per distinct position) and triangulates it if the mesh is
+  // full dimensional. Returns the stored vertex, not &p.
+  Point3* insert(Point3& p);
+  void insert(std::vector<Point3>& vInput);
+  // As above; vUserHandles comes back with the stored vertex of each input
+  // point at the input point's position.
+  void insert(std::vector<Point3>& vInput, std::vector<Point3*>& vUserHandles);
+
+  void getVertices(std::vector<Point3*>& vVtx) const;
+  void getTetrahedra(std::vector<Tet3*>& vTet) const;
+  void getTetsAroundVertex(Point3* pVtx, std::vector<Tet3*>& vTet);
+  bool is3D() const;
+  Tet3* locate(const Point3& p);
+
+  bool checkValidity(const std::string& where, bool bCheckSphereInc);
+  void print(const std::string& name);
+  void show(const std::string& name, Point3* pVtx);
+
+private:
+  Dt3* pDt3;
+};
+
+} // namespace VELM3D
