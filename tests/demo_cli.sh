@@ -1,0 +1,58 @@
+#!/usr/bin/env bash
+# velm3d-demo's command line: the output files of a small run agree with its
+# report, and every bad argument or input gives exit status 2 with exactly
+# one line on stderr. Usage: demo_cli.sh path/to/velm3d-demo
+set -u
+demo=$1
+dir=$(mktemp -d)
+trap 'rm -rf "$dir"' EXIT
+fail=0
+check() { echo "FAIL: $*" >&2; fail=1; }
+field() { awk -v k="$1" '$1 == k { print $2 }' <<<"$2"; }
+
+out=$("$demo" --points 500 --seed 7 --vtk "$dir/m.vtk" --geomview "$dir/m.list") || check "small run: exit $?"
+tets=$(field tetrahedra "$out")
+[ -n "$tets" ] && [ "$tets" -gt 0 ] || check "small run: no tetrahedra reported"
+[ "$(awk '$1 == "CELLS" { print $2 }' "$dir/m.vtk")" = "$tets" ] || check "vtk: CELLS differs from $tets"
+[ "$(grep -c '^10$' "$dir/m.vtk")" = "$tets" ] || check "vtk: cell types differ from $tets"
+[ "$(awk '$1 == "POINTS" { print $2 }' "$dir/m.vtk")" = "$(field vertices "$out")" ] || check "vtk: POINTS"
+grep -q '^LIST' "$dir/m.list" || check "geomview: no LIST frame"
+grep -q 'validity *OK' <<<"$out" || check "small run: validity"
+
+# Duplicates collapse: five points, four vertices, one tetrahedron.
+echo "0 0 0  1 0 0  0 1 0  0 0 1  0 0 0" >"$dir/dup.xyz"
+out=$("$demo" --xyz "$dir/dup.xyz") || check "xyz run: exit $?"
+[ "$(field vertices "$out") $(field tetrahedra "$out")" = "4 1" ] || check "xyz run: $out"
+out=$("$demo" --grid 4 --no-check) || check "grid run: exit $?"
+[ "$(field vertices "$out")" = 64 ] || check "grid run: vertices"
+"$demo" --help | grep -q '^usage: velm3d-demo' || check "--help"
+
+bad() {
+  "$demo" "$@" >"$dir/out" 2>"$dir/err"
+  local rc=$? lines
+  lines=$(wc -l <"$dir/err")
+  { [ $rc = 2 ] && [ "$lines" = 1 ] && grep -q '^velm3d-demo: ' "$dir/err" && [ ! -s "$dir/out" ]; } ||
+    check "$* -> exit $rc, $lines line(s): $(cat "$dir/err")"
+}
+printf '1 2 3\n4 5 nan\n' >"$dir/nan.xyz"
+printf '1 2 3 4\n' >"$dir/four.xyz"
+printf '1 2 3\n1e61 0 0\n' >"$dir/huge.xyz"
+printf '1 2 3\n1e-50 0 0\n' >"$dir/tiny.xyz"
+printf '1 2 3\n4 1e999 6\n' >"$dir/overflow.xyz"
+: >"$dir/empty.xyz"
+bad --points
+bad --points abc
+bad --points 0
+bad --points -5
+bad --grid 1000
+bad --seed 0
+bad --frobnicate
+bad --grid 3 --points 10
+bad --grid 3 --seed 2
+bad --xyz "$dir/missing.xyz"
+bad --xyz "$dir"
+for f in nan four huge tiny overflow empty; do bad --xyz "$dir/$f.xyz"; done
+bad --xyz "$dir/dup.xyz" --vtk "$dir/dup.xyz"
+bad --points 10 --vtk "$dir/no/such/dir/m.vtk"
+bad --points 10 --geomview "$dir/no/such/dir/m.list"
+exit $fail
