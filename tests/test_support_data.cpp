@@ -1,0 +1,140 @@
+// Seeded test data and the XYZ reader. The expected numbers are recomputed
+// here from the system library's rand() with the documented arithmetic, so a
+// change in the order of operations shows in the last bits.
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "freeFunctions.h"
+#include "testDataGenerators.h"
+
+using namespace VELM3D;
+
+namespace {
+
+std::vector<double> replica(unsigned long num, double min, double max) {
+  std::vector<double> v;
+  const double range = max - min;
+  for (unsigned long i = 0; i < num; ++i) v.push_back(static_cast<double>(rand()) * range * 0x1p-31 + min);
+  return v;
+}
+
+std::string writeTemp(const std::string& name, const std::string& text) {
+  const std::string path = ::testing::TempDir() + "data_" + std::to_string(getpid()) + "_" + name;
+  std::ofstream(path) << text;
+  return path;
+}
+
+} // namespace
+
+TEST(GenerateRandomNumbers, SeededSequenceIsExactAndRepeatable) {
+  std::vector<double> v{7.0}, w;
+  generateRandomNumbers(500, -1.3, 2.4, v, 42);
+  srand(42);
+  const std::vector<double> expected = replica(500, -1.3, 2.4);
+  EXPECT_EQ(std::vector<double>(v.begin() + 1, v.end()), expected); // bitwise, no NaN
+  generateRandomNumbers(500, -1.3, 2.4, w, 42);
+  EXPECT_EQ(w, expected);
+  for (double x : w) EXPECT_TRUE(x >= -1.3 && x < 2.4);
+  // num 0 still consumes the seed.
+  generateRandomNumbers(0, 0.0, 1.0, w, 9);
+  const int next = rand();
+  srand(9);
+  EXPECT_TRUE(next == rand() && w.size() == 500 && v[0] == 7.0);
+}
+
+TEST(GenerateRandomPoints, TwoThirdsOfTheRequestedCount) {
+  const unsigned long asked[] = {0, 1, 2, 3, 4, 10, 1000};
+  const size_t got[] = {0, 1, 2, 2, 3, 7, 667};
+  std::vector<Point3> vLong;
+  generateRandomPoints(1000, 0.0, 1.0, vLong, 3);
+  for (int k = 0; k < 7; ++k) {
+    std::vector<Point3> v(1);
+    generateRandomPoints(asked[k], 0.0, 1.0, v, 3);
+    ASSERT_EQ(v.size(), got[k] + 1);
+    for (size_t i = 1; i < v.size(); ++i) EXPECT_TRUE(v[i] == vLong[i - 1]);
+  }
+  srand(3);
+  const std::vector<double> r = replica(3, 0.0, 1.0);
+  EXPECT_TRUE(vLong[0] == Point3(r[0], r[1], r[2]));
+}
+
+// The n-th call with seed 0 seeds from the clock's second and reseeds n-1
+// times from the generator; calls with other seeds leave the count alone.
+// Runs in a fresh child, where no seed-0 call has been made yet.
+void checkSeedZeroCount() {
+  std::vector<double> a, b, c;
+  generateRandomNumbers(4, 0.0, 1.0, a, 0);
+  generateRandomNumbers(4, 0.0, 1.0, b, 0);
+  generateRandomNumbers(4, 0.0, 1.0, c, 17);
+  for (int earlier = 2; earlier < 50; ++earlier) {
+    std::vector<double> v;
+    const time_t t0 = time(nullptr);
+    generateRandomNumbers(4, 0.0, 1.0, v, 0);
+    if (time(nullptr) != t0) continue; // a second boundary: try the next call
+    srand(static_cast<unsigned int>(t0));
+    for (int i = 0; i < earlier; ++i) srand(static_cast<unsigned int>(rand()));
+    exit(a != b && v == replica(4, 0.0, 1.0) ? 0 : 1);
+  }
+  exit(1);
+}
+
+TEST(GenerateRandomNumbers, SeedZeroReseedsOncePerEarlierSeedZeroCall) {
+  EXPECT_EXIT(checkSeedZeroCount(), ::testing::ExitedWithCode(0), "");
+}
+
+TEST(GenerateRandomData, BoundsCheckReportsFileAndLine) {
+  const struct {
+    double min, max;
+    bool bPoints;
+    const char* where;
+  } cases[] = {{1.0, 1.0, false, ":61\n"}, {NAN, 1.0, false, ":61\n"}, {2.0, 1.0, true, ":76\n"}};
+  for (const auto& c : cases) {
+    std::vector<double> vNum;
+    std::vector<Point3> vPts;
+    srand(5);
+    testing::internal::CaptureStdout();
+    auto call = [&] {
+      if (c.bPoints) generateRandomPoints(3, c.min, c.max, vPts, 8);
+      else generateRandomNumbers(3, c.min, c.max, vNum, 8);
+    };
+    EXPECT_THROW(call(), VelmException);
+    const std::string said = testing::internal::GetCapturedStdout();
+    EXPECT_NE(said.find("      Velm, , ERROR: Condition [ min<max failed ]"), std::string::npos);
+    EXPECT_NE(said.find("\n      dt3Library/testDataGenerators.cpp" + std::string(c.where)),
+              std::string::npos);
+    EXPECT_TRUE(vNum.empty() && vPts.empty());
+    // Numbers are seeded before their check; points check before seeding.
+    const int next = rand();
+    srand(c.bPoints ? 5 : 8);
+    EXPECT_EQ(next, rand());
+  }
+}
+
+TEST(ReadXYZ, GroupsOfThreeUntilTheFirstBadToken) {
+  const struct {
+    const char* text;
+    size_t numPoints;
+  } cases[] = {{"", 0}, {"1 2 3 4 5", 1}, {"1 2 x 4 5 6", 0}, {"1\n2\n3 4\t5 6\n-7e1 8 9 10", 3}};
+  for (const auto& c : cases) {
+    std::vector<Point3> v(1);
+    const std::string path = writeTemp("in.xyz", c.text);
+    EXPECT_TRUE(readXYZ(path.c_str(), v));
+    EXPECT_EQ(v.size(), c.numPoints + 1);
+    EXPECT_TRUE(c.numPoints != 3 || (v[1] == Point3(1, 2, 3) && v[3] == Point3(-70, 8, 9)));
+    std::remove(path.c_str());
+  }
+  std::vector<Point3> v;
+  const std::string missing = ::testing::TempDir() + "data_no_such_dir/none.xyz";
+  testing::internal::CaptureStdout();
+  EXPECT_FALSE(readXYZ(missing.c_str(), v));
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), missing + " is unreadable\n");
+  EXPECT_TRUE(v.empty());
+}

@@ -1,0 +1,275 @@
+// The triangle surface: its ASCII STL scanner (counts only, since the owning
+// Dt3 hands out no vertices for files), the edge-sorting neighbour matching
+// and the circulation around a vertex on surfaces built from shared Point3*.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Dt3.h"
+#include "Surface3.h"
+
+using namespace VELM3D;
+
+namespace {
+
+size_t countOf(const std::string& text, const std::string& word) {
+  size_t n = 0;
+  for (size_t pos = text.find(word); pos != std::string::npos; pos = text.find(word, pos + 1)) ++n;
+  return n;
+}
+
+std::string tempPath(const std::string& name) {
+  return ::testing::TempDir() + "surf_" + std::to_string(getpid()) + "_" + name;
+}
+
+// Reads the bytes as an STL file into a fresh surface and sums up the result
+// as "result triangles/vertices/banners"; every vertex line asks the Dt3 for
+// a vertex and gets its banner. The triangles, all with null corners, are
+// then linked: one single run of equal edges, paired in slot 0 only.
+std::string stl(const std::string& bytes, std::string* pSaid = nullptr) {
+  Dt3 dt(nullptr);
+  Surface3* pSurface = dt.createEmptySurface();
+  const std::string path = tempPath("in.stl");
+  std::ofstream(path, std::ios::binary) << bytes;
+  testing::internal::CaptureStdout();
+  const bool bOk = pSurface->readSTL(path, pSaid != nullptr);
+  const bool bLinked = pSurface->establishNeighborships();
+  const std::string said = testing::internal::GetCapturedStdout();
+  std::remove(path.c_str());
+  if (pSaid) *pSaid = said;
+  std::vector<Triangle3*> vT;
+  std::vector<Point3*> vV;
+  pSurface->getTriangles(vT);
+  pSurface->getVertices(vV);
+  EXPECT_TRUE(bLinked);
+  for (Triangle3* pT : vT) {
+    EXPECT_TRUE(!pT->aCorners[0] && !pT->aCorners[1] && !pT->aCorners[2]);
+    EXPECT_TRUE(pT->aOppTriangles[0] && !pT->aOppTriangles[1] && !pT->aOppTriangles[2]);
+  }
+  return std::string(bOk ? "true " : "false ") + std::to_string(vT.size()) + "/" +
+         std::to_string(vV.size()) + "/" + std::to_string(countOf(said, "Dt3::createPendingVertex is disabled"));
+}
+
+const std::string facet = "facet normal 0 0 1\n outer loop\n  vertex 0 0 0\n  vertex 1 0 0\n"
+                          "  vertex 0 1 0\n endloop\nendfacet\n";
+
+} // namespace
+
+TEST(Trim, FourPassesBlanksThenTabs) {
+  auto trimmed = [](std::string s) { trim(s); return s; };
+  EXPECT_EQ(trimmed("\t \tabc \t "), " \tabc ");
+  EXPECT_EQ(trimmed("     "), "");
+  EXPECT_EQ(trimmed("\r\f 1 \r"), "\r\f 1 \r");
+}
+
+TEST(ReadSTL, KeywordScannerOverUpperCasedLines) {
+  std::string said;
+  EXPECT_EQ(stl("SoLiD demo\n  FaCeT NoRmAl 0 0 1\n\tOuTeR LoOp\n\tvertex \t 1.5e0 -2 3\n"
+                "  VERTEX 1.5E0 -2 3\nVeRtEx\t\t 4 5 6\n  EndLoop\n endfacet\nendsolid demo\n", &said),
+            "true 1/3/3");
+  EXPECT_NE(said.find("Surface3::readSTL(): numTriangles=1\n"), std::string::npos);
+  // OUTER wins over VERTEX, ENDLOOP over VERTEX; a solid named "myvertex" is a vertex line.
+  EXPECT_EQ(stl("outer vertex 1 2 3\nvertex 1 2 3\nvertex 1 2 3\nvertex 1 2 3\n"
+                "endloop vertex 9 9 9\nsolid myvertex\n"), "true 1/4/4");
+  EXPECT_EQ(stl("solid s\n" + facet + facet + "endsolid s\n", &said), "true 2/6/6");
+  EXPECT_NE(said.find("numTriangles=2\n"), std::string::npos);
+  // A fourth vertex stays in the surface; the next loop starts afresh.
+  EXPECT_EQ(stl("vertex 0 0 0\nvertex 1 0 0\nvertex 0 1 0\nvertex 1 1 0\nendloop\n" + facet),
+            "true 2/7/7");
+  // Loops of fewer than three vertices make no triangle.
+  EXPECT_EQ(stl("endloop\n" + facet), "true 1/3/3");
+  EXPECT_EQ(stl("vertex 1 2 3\nvertex 4 5 6\nendloop\n" + facet), "true 1/5/5");
+}
+
+TEST(ReadSTL, LineEndsAndOddBytes) {
+  EXPECT_EQ(stl("vertex 0 0 0\nvertex 1 0 0\nvertex 0 1 0\nendloop"), "true 1/3/3");
+  EXPECT_EQ(stl("vertex 1 2 3\r\nvertex 1 2 3\r\nvertex 1 2 3\r\nendloop\r\n"), "true 1/3/3");
+  std::string nul = facet;
+  nul.insert(nul.find("  vertex 1 0 0"), std::string("abcde\0vertex 9 9 9\n", 19));
+  EXPECT_EQ(stl(nul), "true 1/3/3");
+  nul = facet;
+  nul.insert(nul.find("endloop"), std::string("loop\0", 5));
+  EXPECT_EQ(stl(nul), "true 0/3/3");
+  std::string longest = "vertex 1 2 3";
+  longest.resize(1048575, ' ');
+  EXPECT_EQ(stl(longest + "\n" + facet), "true 1/4/4");
+  std::string said;
+  EXPECT_EQ(stl(facet + longest + " \n" + facet, &said), "true 1/3/3");
+  EXPECT_NE(said.find("numTriangles=1\n"), std::string::npos);
+}
+
+TEST(ReadSTL, FilesWithoutKeywordsGiveNothing) {
+  std::string said;
+  EXPECT_EQ(stl("", &said), "true 0/0/0");
+  EXPECT_EQ(said, "Surface3::readSTL(): numTriangles=0\n"
+                  "establishNeighborships() started\nestablishNeighborships() 2\n");
+  // Binary STL: 80-byte header, count 1, one record of 12 floats (all 1.0f) and 2 bytes.
+  std::string binary = "binary header" + std::string(67, '\0') + std::string("\1\0\0\0", 4);
+  for (int i = 0; i < 12; ++i) binary.append("\0\0\x80\x3f", 4);
+  EXPECT_EQ(stl(binary + std::string(2, '\0')), "true 0/0/0");
+
+  Dt3 dt(nullptr);
+  Surface3* pSurface = dt.createEmptySurface();
+  const std::string missing = tempPath("no_such_dir/none.stl");
+  testing::internal::CaptureStdout();
+  EXPECT_FALSE(pSurface->readSTL(missing, true));
+  said = testing::internal::GetCapturedStdout();
+  EXPECT_NE(said.find("Surface3::readSTL(), ERROR: Error reading: " + missing), std::string::npos);
+  EXPECT_EQ(said.find("numTriangles"), std::string::npos);
+}
+
+// --- Neighbourships and circulation on shared vertices -----------------------
+
+namespace {
+
+std::string link(Surface3* pSurface, bool bExpected) {
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(pSurface->establishNeighborships(), bExpected);
+  return testing::internal::GetCapturedStdout();
+}
+
+bool hasCorner(const Triangle3* pT, const Point3* p) {
+  return pT->aCorners[0] == p || pT->aCorners[1] == p || pT->aCorners[2] == p;
+}
+
+} // namespace
+
+TEST(Triangle3, IndexLookupAndStreamForm) {
+  Point3 a(0, 0, 0), b(1, 0, 0), c(0, 1, 0), d(5, 5, 5);
+  Dt3 dt(nullptr);
+  Surface3* pSurface = dt.createEmptySurface();
+  EXPECT_EQ(pSurface->getVelm3D(), nullptr);
+  Triangle3* pT = pSurface->createTriangle(&a, &b, &c);
+  Triangle3* pRep = pSurface->createTriangle(&a, &a, &b);
+  EXPECT_TRUE(pT->getIntraTriangleIndex(&c) == 2 && pT->getIntraTriangleIndex(&b, &a) == 2);
+  EXPECT_TRUE(pT->getIntraTriangleIndex(&a, &c) == 1 && pT->getIntraTriangleIndex(&c, &a) == 1);
+  // A repeated corner: the first matching test decides.
+  EXPECT_TRUE(pRep->getIntraTriangleIndex(&a) == 0 && pRep->getIntraTriangleIndex(&b, &a) == 0 &&
+              pRep->getIntraTriangleIndex(&a, &a) == 2);
+
+  pT->aOppTriangles[1] = pRep;
+  std::ostringstream expected, got;
+  const Point3* aP[3] = {&a, &b, &c};
+  const void* aOpp[3] = {nullptr, pRep, nullptr};
+  expected << "Triangle: \n";
+  for (int i = 0; i < 3; ++i) {
+    expected << "ith=" << i << ", vertex (" << static_cast<const void*>(aP[i]) << "): " << *aP[i]
+             << "  oppTet=" << aOpp[i];
+    if (aOpp[i]) expected << aOpp[i] << "\n";
+    else expected << " (NULL)\n";
+  }
+  got << *pT;
+  EXPECT_EQ(got.str(), expected.str());
+
+  testing::internal::CaptureStderr();
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(pT->getIntraTriangleIndex(&d), -999);
+  EXPECT_EQ(pT->getIntraTriangleIndex(&a, &d), -999);
+  const std::string said = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Triangle3::getIntraTriangleIndex(): invalid (p)\n"
+            "Triangle3::getIntraTriangleIndex(): invalid (p1,p2)\n");
+  std::ostringstream search;
+  search << "Have searched for " << static_cast<const void*>(&a) << " and "
+         << static_cast<const void*>(&d) << " in " << expected.str() << "\n";
+  EXPECT_EQ(said, search.str());
+}
+
+TEST(Surface3, ArraysReplaceAndQueriesAppend) {
+  Dt3 dt(nullptr);
+  Surface3* pSurface = dt.createEmptySurface();
+  Point3 a(0, 0, 0);
+  std::vector<Point3*> vV{&a, &a};
+  std::vector<Triangle3*> vT{nullptr};
+  pSurface->getTriangles(vT);
+  EXPECT_TRUE(vT.empty());
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(pSurface->createVertex(1, 2, 3), nullptr);
+  EXPECT_EQ(countOf(testing::internal::GetCapturedStdout(), "createPendingVertex is disabled"), 1u);
+  pSurface->getVertices(vV);
+  EXPECT_EQ(vV, std::vector<Point3*>{nullptr});
+  pSurface->getIncidentTriangles(&a, vT);
+  pSurface->getIncidentVertices(&a, vV);
+  EXPECT_TRUE(vT.empty() && vV.size() == 1);
+  EXPECT_EQ(link(pSurface, true), "establishNeighborships() started\nestablishNeighborships() 2\n");
+}
+
+TEST(EstablishNeighborships, ClosedTetrahedronSurfaceHasFullFans) {
+  Point3 v[4] = {Point3(0, 0, 0), Point3(1, 0, 0), Point3(0, 1, 0), Point3(0, 0, 1)};
+  const int faces[4][3] = {{1, 2, 3}, {0, 3, 2}, {0, 1, 3}, {0, 2, 1}};
+  Dt3 dt(nullptr);
+  Surface3* pSurface = dt.createEmptySurface();
+  std::vector<Triangle3*> vT;
+  for (const auto& f : faces) vT.push_back(pSurface->createTriangle(&v[f[0]], &v[f[1]], &v[f[2]]));
+  for (int round = 0; round < 2; ++round) { // a second call keeps the links
+    EXPECT_EQ(link(pSurface, true).find("WARNING"), std::string::npos);
+    for (Triangle3* pT : vT) {
+      for (int i = 0; i < 3; ++i) {
+        Triangle3* pN = pT->aOppTriangles[i];
+        Point3 *p1 = pT->aCorners[(i + 1) % 3], *p2 = pT->aCorners[(i + 2) % 3];
+        ASSERT_TRUE(pN != nullptr && pN != pT && hasCorner(pN, p1) && hasCorner(pN, p2));
+        EXPECT_EQ(pN->aOppTriangles[pN->getIntraTriangleIndex(p1, p2)], pT);
+      }
+    }
+    for (Point3& p : v) {
+      std::vector<Triangle3*> vFan{nullptr};
+      std::vector<Point3*> vRing;
+      pSurface->getIncidentTriangles(&p, vFan);
+      pSurface->getIncidentVertices(&p, vRing);
+      ASSERT_EQ(vFan.size(), 4u);
+      // The fan starts at the last triangle in creation order that has p.
+      Triangle3* pLast = nullptr;
+      for (Triangle3* pT : vT) pLast = hasCorner(pT, &p) ? pT : pLast;
+      EXPECT_EQ(vFan[1], pLast);
+      std::sort(vFan.begin() + 1, vFan.end());
+      EXPECT_TRUE(std::unique(vFan.begin(), vFan.end()) == vFan.end());
+      for (size_t k = 1; k < 4; ++k) EXPECT_TRUE(hasCorner(vFan[k], &p));
+      vRing.push_back(&p);
+      std::sort(vRing.begin(), vRing.end());
+      EXPECT_TRUE(vRing[0] == &v[0] && vRing[1] == &v[1] && vRing[2] == &v[2] && vRing[3] == &v[3]);
+    }
+  }
+  const std::string path = tempPath("tet.list");
+  pSurface->writeGeomview(path, "1 0 0 0.5");
+  std::ifstream in(path);
+  const std::string file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  EXPECT_NE(file.find("\n12 4 0\n"), std::string::npos);
+  EXPECT_NE(file.find("\n3 9 10 11 1 0 0 0.5\n"), std::string::npos);
+  std::remove(path.c_str());
+}
+
+TEST(EstablishNeighborships, BordersWarnExceptTheLastEntry) {
+  Point3 a(0, 0, 0), b(1, 0, 0), c(0, 1, 0), d(1, 1, 0), e(2, 2, 2);
+  Dt3 dt(nullptr);
+  Surface3* pSurface = dt.createEmptySurface();
+  Triangle3* pOne = pSurface->createTriangle(&a, &b, &c);
+  std::string said = link(pSurface, false);
+  EXPECT_EQ(countOf(said, "Surface3::establishNeighborships(), WARNING: No neighbor found"), 2u);
+
+  // An open strip: the shared edge links both ways, the four borders stay open.
+  Triangle3* pTwo = pSurface->createTriangle(&c, &b, &d);
+  said = link(pSurface, false);
+  EXPECT_TRUE(pOne->aOppTriangles[0] == pTwo && pTwo->aOppTriangles[2] == pOne);
+  EXPECT_TRUE(!pOne->aOppTriangles[1] && !pOne->aOppTriangles[2] && !pTwo->aOppTriangles[0] &&
+              !pTwo->aOppTriangles[1]);
+  auto key = [](const Point3* p, const Point3* q) {
+    const uintptr_t x = reinterpret_cast<uintptr_t>(p), y = reinterpret_cast<uintptr_t>(q);
+    return std::make_pair(std::min(x, y), std::max(x, y));
+  };
+  const auto maxKey = std::max({key(&a, &b), key(&a, &c), key(&b, &c), key(&b, &d), key(&c, &d)});
+  // One warning per border entry, except when a border entry sorts last of all.
+  EXPECT_EQ(countOf(said, "No neighbor found"), maxKey == key(&b, &c) ? 4u : 3u);
+
+  // Same direction along the edge b-d: both printed, no link.
+  Triangle3* pThree = pSurface->createTriangle(&b, &d, &e);
+  said = link(pSurface, false);
+  EXPECT_GE(countOf(said, "Triangle: \n"), 2u);
+  EXPECT_TRUE(!pTwo->aOppTriangles[0] && !pThree->aOppTriangles[2] && pOne->aOppTriangles[0] == pTwo);
+}
