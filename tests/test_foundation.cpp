@@ -1,0 +1,281 @@
+// Tests of the foundation: console texts and the assertion report, timers and
+// counters, block pools, point records and the Hilbert vertex store.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "Dt3.h"
+#include "Velm_3D.h"
+
+using namespace VELM3D;
+using BRIX_TOOLS::SimplePool;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+
+// Runs `stmt` in a re-executed child, where process-wide counters and flags
+// start from their load-time values; the child exits 0 when its checks pass.
+#define EXPECT_IN_FRESH_PROCESS(stmt)                                                              \
+  GTEST_FLAG_SET(death_test_style, "threadsafe");                                                  \
+  EXPECT_EXIT(stmt, ::testing::ExitedWithCode(0), "")
+// A fatal path: exit status 1 and `regex` found in what went to stdout.
+#define EXPECT_FATAL(stmt, regex)                                                                  \
+  EXPECT_EXIT({ dup2(2, 1); stmt; }, ::testing::ExitedWithCode(1), regex)
+
+namespace {
+
+const std::string ESC = "\033";
+
+template <class F> std::string captured(F f) {
+  CaptureStdout();
+  f();
+  return GetCapturedStdout();
+}
+
+template <class T> std::vector<int> blockSizesAfter(int first, int growth, int numObjects) {
+  SimplePool<T> pool;
+  pool.init(first, growth);
+  for (int i = 0; i < numObjects; ++i) pool.nextObject();
+  return pool.getBlockSizes();
+}
+
+// Makes the store's box exactly [lo, hi]: the second point widens the box of
+// the first by half its extent at both ends.
+void setBox(HC3& h, const Point3& lo, const Point3& hi) {
+  Point3 a(0.75 * lo.x() + 0.25 * hi.x(), 0.75 * lo.y() + 0.25 * hi.y(), 0.75 * lo.z() + 0.25 * hi.z());
+  Point3 b(0.25 * lo.x() + 0.75 * hi.x(), 0.25 * lo.y() + 0.75 * hi.y(), 0.25 * lo.z() + 0.75 * hi.z());
+  h.addPoint(a);
+  h.addPoint(b);
+}
+
+// The margins by which a fresh store's first addPoints widened the box.
+std::vector<double> firstMargins(HC3& h) {
+  std::vector<Point3> v{Point3(0, 0, 0), Point3(10, 20, 40)};
+  std::vector<Point3*> vHandles, vNew;
+  h.addPoints(v, vHandles, vNew);
+  const Bbox3& b = h.getBbox();
+  return {-b.minX, b.maxX - 10, -b.minY, b.maxY - 20, -b.minZ, b.maxZ - 40};
+}
+
+void checkFirstMarginsInChild() {
+  HC3 single(27), first(27), second(27);
+  Point3 p(0, 0, 0), q(2, 2, 2);
+  single.addPoint(p); // addPoint neither reads nor sets the first-enlarge flag
+  single.addPoint(q);
+  bool bOk = single.getBbox().minX == -1.0 && single.getBbox().maxZ == 3.0;
+  const std::vector<double> m1 = firstMargins(first), m2 = firstMargins(second);
+  const double extent[6] = {10, 10, 20, 20, 40, 40};
+  for (int i = 0; i < 6; ++i) bOk = bOk && m1[i] == (extent[i] * 0.1) * 0.5 && m2[i] == extent[i] * 0.5;
+  exit(bOk ? 0 : 1);
+}
+
+} // namespace
+
+TEST(Console, ColourWrappersMessagesBarsAndVersion) {
+  EXPECT_EQ(redString("", 0), ESC + "[0;31m" + ESC + "[m");
+  EXPECT_EQ(redString("x", 1), ESC + "[1;31mx" + ESC + "[m");
+  EXPECT_EQ(greenString("g", 0) + yellowString("y", 0) + magentaString("m", 0),
+            ESC + "[0;32mg" + ESC + "[m" + ESC + "[0;33my" + ESC + "[m" + ESC + "[0;35mm" + ESC + "[m");
+  EXPECT_EQ(captured([] { warning("T", "m"); }), "\n" + ESC + "[0;33m      T, WARNING: m" + ESC + "[m\n\n");
+  EXPECT_EQ(captured([] { error("T", "m"); }), "\n" + ESC + "[0;31m      T, ERROR: m" + ESC + "[m\n\n");
+  EXPECT_EQ(captured([] { info("T", "m"); }), "\n" + ESC + "[0;35m      T, INFO: m" + ESC + "[m\n\n");
+  EXPECT_EQ(captured([] { info("", "m"); }), "\n      INFO: m\n\n");
+  const std::string s38(38, '*'), s36(36, '*'), indent(16, ' ');
+  EXPECT_EQ(captured([] { fatBar("ab", false, false); }),
+            "\n\n" + s38 + "\n" + s38 + "\n" + indent + "ab\n" + s38 + "\n" + s38 + "\n");
+  EXPECT_EQ(captured([] { fatBar("", false, false); }),
+            "\n\n" + s36 + "\n" + s36 + "\n" + indent + "\n" + s36 + "\n" + s36 + "\n");
+  EXPECT_EQ(repstr("aaa", "a", "aa"), "aaaaaa");
+  EXPECT_EQ(getVelm3DVersion(), "Velm3D, RELEASE, v0.99.0");
+  EXPECT_TRUE(getMajorVersionNumber() == 0 && getMinorVersionNumber() == 99 && getRevisionNumber() == 0);
+}
+
+TEST(Console, GlobalPrefixCountsFromZeroInEachProcess) {
+  EXPECT_IN_FRESH_PROCESS(exit(globalPrefix() == "00000_" && globalPrefix() == "00001_" ? 0 : 1));
+}
+
+TEST(Console, AssertionReportPrintsConditionAndPositionThenThrows) {
+  HC3 h(27);
+  std::vector<Point3> vPoints{Point3(1, 2, 3)};
+  std::vector<Point3*> vHandles{nullptr}, vNew;
+  std::string what;
+  CaptureStdout();
+  try {
+    h.addPoints(vPoints, vHandles, vNew);
+  } catch (const VelmException& e) {
+    what = e.what();
+  }
+  const std::string out = GetCapturedStdout();
+  const std::string report =
+      "\n" + ESC + "[0;31m      Velm, , ERROR: Condition [ vUserHandles.empty() failed ]" + ESC + "[m\n\n";
+  EXPECT_EQ(out.substr(0, report.size()), report);
+  EXPECT_TRUE(std::regex_match(out.substr(report.size()), std::regex("      dt3Library/HC3\\.cpp:[0-9]+\n"))) << out;
+  EXPECT_EQ(h.getNumStoredVtx(), 0u);
+  const std::string fixed = "\n  VELM EXCEPTION due to a bug _or_ wrong usage of Velm. If you think it is a \n"
+                            "  bug then please report this incident and it will be fixed quickly: ";
+  EXPECT_EQ(what.substr(0, fixed.size()), fixed);
+  EXPECT_TRUE(what.size() > fixed.size() && what == VelmException().what());
+}
+
+TEST(Timers, StartStopRestartOverlapAndTheLastingNumberFormat) {
+  const std::ios_base::fmtflags flags = std::cout.flags();
+  const std::streamsize precision = std::cout.precision();
+  CaptureStdout();
+  const std::vector<double> t{timer("tA"), timer("tA"), timer("tA"), timer("tP"),
+                              timer("tQ"), timer("tP"), timer("tQ")};
+  std::cout << 2.0 << "|";
+  const std::string out = GetCapturedStdout();
+  std::cout.flags(flags);
+  std::cout.precision(precision);
+  EXPECT_TRUE(t[0] == -1.0 && t[1] >= 0.0 && t[2] == -1.0 && t[3] == -1.0 && t[4] == -1.0);
+  EXPECT_TRUE(t[5] >= 0.0 && t[6] >= 0.0);
+  const std::string start = "\n\\*\\*\\* Timer \\[t.\\] start\n";
+  const std::string stop = "\\*\\*\\* Timer \\[t.\\] stop, elapsed time: [0-9]+\\.[0-9]{3} s\n\n";
+  EXPECT_TRUE(std::regex_match(out, std::regex(start + stop + start + start + start + stop + stop + "2\\.000\\|")))
+      << out;
+}
+
+TEST(Timers, CountersListInKeyOrderAndStopWatchReportsZeroBytes) {
+  const std::string counters = captured([] {
+    for (const char* name : {"fooB", "fooB", "fooA", "GETCOUNTERS", "fooB", "GETCOUNTERS"}) benchCounter(name);
+  });
+  EXPECT_EQ(counters, "\nCounters: \nfooA\t1\nfooB\t2\n\n\nCounters: \nfooA\t1\nfooB\t3\n\n");
+  const std::string sw = captured([] { stopWatch("sw"), stopWatch("sw"); });
+  EXPECT_TRUE(std::regex_match(sw, std::regex("\x1b\\[0;31m\\*\\* stopWatch\\(\\) START: sw\x1b\\[m\n"
+                                              "\x1b\\[0;31m\\*\\* stopWatch\\(\\) STOP: Time for sw: \\[[-+.e0-9]+ s\\], "
+                                              "Memory difference is: 0 Bytes=0 MB\n\x1b\\[m\n")))
+      << sw;
+}
+
+TEST(Pools, BlocksHalveOnceThenDoubleUpToTheByteLimit) {
+  EXPECT_EQ(blockSizesAfter<Tet3>(28, -1, 28), std::vector<int>{28});
+  EXPECT_EQ(blockSizesAfter<Tet3>(28, -1, 29), (std::vector<int>{28, 14}));
+  EXPECT_EQ(blockSizesAfter<Tet3>(28, -1, 42), (std::vector<int>{28, 14}));
+  EXPECT_EQ(blockSizesAfter<Tet3>(28, -1, 43), (std::vector<int>{28, 14, 28}));
+  EXPECT_EQ(blockSizesAfter<Point3>(4, -1, 19), (std::vector<int>{4, 2, 4, 8, 16}));
+  EXPECT_EQ(blockSizesAfter<TwoTetStruct>(1024, 512, 1024 + 3 * 512), (std::vector<int>{1024, 512, 512, 512}));
+  struct Big {
+    char bytes[12500000]; // at most 8 in a block of 100,000,000 bytes
+  };
+  EXPECT_EQ(blockSizesAfter<Big>(4, -1, 27), (std::vector<int>{4, 2, 4, 8, 8, 8}));
+  SimplePool<Tet3> tets;
+  SimplePool<Point3> points;
+  tets.init(28, -1);
+  points.init(4, -1);
+  EXPECT_TRUE(tets.getMaxBlockSize() == 1250000 && points.getMaxBlockSize() == 2500000);
+}
+
+TEST(Pools, ResetHandsOutTheFirstBlockAgain) {
+  SimplePool<Point3> single, grown;
+  single.init(8, -1);
+  Point3* p0 = single.nextObject();
+  Point3* p1 = single.nextObject();
+  single.reset();
+  EXPECT_TRUE(single.nextObject() == p0 && single.nextObject() == p1);
+  grown.init(4, -1);
+  Point3* first = grown.nextObject();
+  for (int i = 0; i < 5; ++i) grown.nextObject();
+  grown.reset();
+  EXPECT_EQ(grown.getNumBlocks(), 1u);
+  EXPECT_EQ(grown.nextObject(), first);
+  for (int i = 0; i < 4; ++i) grown.nextObject();
+  EXPECT_EQ(grown.getBlockSizes(), (std::vector<int>{4, 2, 4})); // doubling goes on from the last size
+}
+
+TEST(Pools, DestructorReportsFromFiftyOneBlocksAndSecondInitIsFatal) {
+  EXPECT_EQ(captured([] { blockSizesAfter<int>(1, 1, 50); }), "");
+  EXPECT_EQ(captured([] { blockSizesAfter<int>(1, 1, 51); }),
+            "SimplePool::~SimplePool: Number of containers to release: 51\n");
+  SimplePool<int> pool;
+  pool.init(4, -1);
+  EXPECT_FATAL(pool.init(4, -1), "SimplePool::init\\(\\.\\.\\), ERROR: This pool is already initialized");
+}
+
+TEST(Point3Records, DefaultsCopiesOrderAndBoxGrowth) {
+  const Point3 d;
+  EXPECT_TRUE(d.x() == -1.7976931348623157e308 && d.y() == d.x() && d.z() == d.x() && !d.getOneTet());
+  Point3 v(1, 2, 3);
+  v.setOneTet(reinterpret_cast<Tet3*>(&v));
+  const Point3 copy(v);
+  EXPECT_TRUE(copy.getOneTet() == nullptr && copy == v && !(v < copy) && !(copy < v));
+  EXPECT_TRUE(Point3(1, 2, 3) < Point3(1, 2, 4) && Point3(1, 2, 4) < Point3(1, 3, 0) && Point3(1, 3, 0) < Point3(2, 0, 0));
+  EXPECT_FALSE(Point3(2, 0, 0) < Point3(1, 3, 0));
+  EXPECT_TRUE(Point3(0.0, -0.0, 0.0) == Point3(-0.0, 0.0, -0.0));
+
+  Bbox3 box;
+  EXPECT_FALSE(box.add(std::vector<Point3>()));
+  EXPECT_EQ(box.minX, 1.7976931348623157e308);
+  EXPECT_TRUE(box.add(Point3(0, 0, 0)) && box.add(Point3(1, 1, 1)));
+  EXPECT_FALSE(box.add(Point3(0.5, 0.5, 0.5)) || box.add(Point3(1, 0, 1)));
+  EXPECT_TRUE(box.add(Point3(0.5, -1, 0.5)));
+  Bbox3 box2;
+  EXPECT_TRUE(box2.add(std::vector<Point3>{Point3(3, 4, 5)}) && box2.maxZ == 5.0);
+}
+
+TEST(VertexStore, WorkedKeys) {
+  HC3 h(27), tall(27);
+  setBox(h, Point3(0, 0, 0), Point3(1, 1, 1));
+  const Bbox3& b = h.getBbox();
+  ASSERT_TRUE(b.minX == 0 && b.minY == 0 && b.minZ == 0 && b.maxX == 1 && b.maxY == 1 && b.maxZ == 1);
+  EXPECT_EQ(h.iReset(Point3(0, 0, 0)), 0u);
+  EXPECT_EQ(h.iReset(Point3(0.3, 0.6, 0.9)), 39683436u);
+  EXPECT_EQ(h.iReset(Point3(0.5, 0.5, 0.5)), 97733940u);
+  EXPECT_EQ(h.iReset(Point3(1, 1, 1)), 90543705u);
+  setBox(tall, Point3(0, 0, 0), Point3(1, 4, 1));
+  ASSERT_TRUE(tall.getBbox().minY == 0 && tall.getBbox().maxY == 4 && tall.getBbox().maxX == 1);
+  EXPECT_EQ(tall.iReset(Point3(0.3, 3, 0.9)), 44390741u);
+}
+
+TEST(VertexStore, KeysOrderTheCellsOfACubeIntoAFaceConnectedPath) {
+  for (int depth = 1; depth <= 3; ++depth) {
+    HC3 h(3 * depth);
+    setBox(h, Point3(0, 0, 0), Point3(1, 1, 1));
+    const int n = 1 << depth;
+    std::vector<std::pair<unsigned int, std::array<int, 3>>> vCells;
+    for (int i = 0; i < n * n * n; ++i) {
+      const std::array<int, 3> c{i / (n * n), (i / n) % n, i % n};
+      vCells.push_back({h.iReset(Point3((c[0] + 0.5) / n, (c[1] + 0.5) / n, (c[2] + 0.5) / n)), c});
+    }
+    std::sort(vCells.begin(), vCells.end());
+    EXPECT_EQ(vCells[0].second, (std::array<int, 3>{0, 0, 0}));
+    for (size_t k = 1; k < vCells.size(); ++k) {
+      ASSERT_EQ(vCells[k].first, k) << "depth " << depth; // every key once
+      int dist = 0;
+      for (int a = 0; a < 3; ++a) dist += std::abs(vCells[k].second[a] - vCells[k - 1].second[a]);
+      ASSERT_EQ(dist, 1) << "depth " << depth << ", key " << k;
+    }
+  }
+}
+
+TEST(VertexStore, DuplicatesCollapseAndEveryInputGetsItsHandle) {
+  HC3 h(27), empty(27);
+  std::vector<Point3> vPoints{Point3(0.0, 1, 2), Point3(5, 5, 5), Point3(-0.0, 1, 2),
+                              Point3(3, 0, 4),   Point3(5, 5, 5), Point3(1, 4, 0)};
+  std::vector<Point3*> vHandles, vNew, vHandles2, vNew2;
+  h.addPoints(vPoints, vHandles, vNew);
+  ASSERT_EQ(vHandles.size(), vPoints.size());
+  EXPECT_TRUE(vHandles[0] == vHandles[2] && vHandles[1] == vHandles[4]);
+  for (size_t i = 0; i < vPoints.size(); ++i) EXPECT_TRUE(*vHandles[i] == vPoints[i]);
+  ASSERT_TRUE(h.getNumStoredVtx() == 4 && vNew.size() == 4);
+  for (size_t i = 1; i < vNew.size(); ++i) EXPECT_LE(h.iReset(*vNew[i - 1]), h.iReset(*vNew[i]));
+  std::vector<Point3> vAgain{Point3(3, 0, 4), Point3(2, 2, 2)};
+  h.addPoints(vAgain, vHandles2, vNew2);
+  EXPECT_EQ(vHandles2[0], vHandles[3]);
+  EXPECT_EQ(vNew2, std::vector<Point3*>{vHandles2[1]});
+  EXPECT_EQ(h.getCloseTet(vAgain[1]), nullptr); // no vertex has a tetrahedron
+  EXPECT_EQ(empty.getCloseTet(vAgain[1]), nullptr);
+}
+
+TEST(VertexStore, SmallFirstMarginOncePerProcess) { EXPECT_IN_FRESH_PROCESS(checkFirstMarginsInChild()); }
+
+TEST(VertexStore, InvalidBitLengthIsFatal) {
+  EXPECT_FATAL(HC3 h(28), "HC3::HC3\\(\\.\\.\\): invalid bitlength");
+  EXPECT_FATAL(HC3 h(33), "HC3::HC3\\(\\.\\.\\): invalid bitlength");
+  HC3 longest(30);
+  setBox(longest, Point3(0, 0, 0), Point3(1, 1, 1));
+  EXPECT_EQ(longest.iReset(Point3(1, 1, 1)) >> 27, 5u); // the top digit of the corner cell (1,1,1)
+}
