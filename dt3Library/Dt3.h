@@ -137,7 +137,6 @@ public:
   size_t getNumHashCollisions() const { return vHashCollisions.size(); }
   bool isRegistryEmpty() const;
 
-private:
   // Offers the three inner facets of a new tetrahedron (corner 0 is the new
   // vertex) to the registry, each named by its pair of other corners.
   void registerInnerFacets(Tet3* pNewTet);
@@ -149,6 +148,7 @@ private:
     return ((a >> 5) & 31) | (b & 0x3E0);
   }
 
+private:
   BRIX_TOOLS::SimplePool<TwoTetStruct> poolTwoTet;
   BRIX_TOOLS::SimplePool<Tet3> poolTet;
   std::vector<Tet3*> vDoomed;

@@ -12,6 +12,9 @@
 // ...), up to the byte limit.
 #pragma once
 
+#include <sys/mman.h>
+
+#include <cstdint>
 #include <cstdlib>
 #include <iostream>
 #include <vector>
@@ -60,6 +63,7 @@ public:
       std::cout << "SimplePool::alloc(..), ERROR: Out of memory, sorry" << std::endl;
       exit(1);
     }
+    adviseHugePages(pCurBlock, static_cast<size_t>(size) * sizeof(T));
     vBlocks.push_back(pCurBlock);
     lastIndex = -1;
     curBlockSize = size;
@@ -92,6 +96,17 @@ public:
   int getMaxBlockSize() const { return maxBlockSize; }
 
 private:
+  // Large blocks are filled front to back, so transparent huge pages save
+  // most of the page faults of first touch, which dominate the system time
+  // of a large triangulation. A hint only: without it nothing changes.
+  static void adviseHugePages(void* p, size_t bytes) {
+    const uintptr_t hugePage = uintptr_t(1) << 21;
+    if (bytes < 4 * hugePage) return;
+    const uintptr_t lo = (reinterpret_cast<uintptr_t>(p) + hugePage - 1) & ~(hugePage - 1);
+    const uintptr_t hi = (reinterpret_cast<uintptr_t>(p) + bytes) & ~(hugePage - 1);
+    if (hi > lo) madvise(reinterpret_cast<void*>(lo), hi - lo, MADV_HUGEPAGE);
+  }
+
   std::vector<T*> vBlocks;
   std::vector<int> vBlockSizes;
   T* pCurBlock;
