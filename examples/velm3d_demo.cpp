@@ -166,11 +166,19 @@ long firstPointOutsideDomain(const std::vector<Point3>& vPoints) {
   return -1;
 }
 
+// The shortest decimal text that reads back as the same double.
+std::string formatCoordinate(double c) {
+  char text[40];
+  for (int precision = 6; precision <= 17; ++precision) {
+    std::snprintf(text, sizeof text, "%.*g", precision, c);
+    if (std::strtod(text, nullptr) == c) break;
+  }
+  return text;
+}
+
 std::string formatPoint(const Point3& p) {
-  std::ostringstream oss;
-  oss.precision(17);
-  oss << "(" << p.x() << ", " << p.y() << ", " << p.z() << ")";
-  return oss.str();
+  return "(" + formatCoordinate(p.x()) + ", " + formatCoordinate(p.y()) + ", " +
+         formatCoordinate(p.z()) + ")";
 }
 
 // Random points from the library's seeded generator. Three values per point,
@@ -302,7 +310,9 @@ long peakMemoryKiB() {
 int run(const Options& opt) {
   std::vector<Point3> vPoints;
   std::string source;
+  std::string where;
   if (!opt.xyzFile.empty()) {
+    where = opt.xyzFile + ": ";
     readXyzFile(opt.xyzFile, vPoints);
     source = opt.xyzFile;
   } else if (opt.gridSize > 0) {
@@ -314,7 +324,7 @@ int run(const Options& opt) {
   }
   const long badIndex = firstPointOutsideDomain(vPoints);
   if (badIndex >= 0)
-    usageError("point " + std::to_string(badIndex + 1) + " " + formatPoint(vPoints[badIndex]) +
+    usageError(where + "point " + std::to_string(badIndex + 1) + " " + formatPoint(vPoints[badIndex]) +
                " is outside the input domain (" + kDomainText + ")");
   checkWritable(opt.geomviewFile);
   checkWritable(opt.vtkFile);
