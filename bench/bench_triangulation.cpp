@@ -18,6 +18,7 @@
 //                       [--no-fork]
 // --no-fork runs each implementation once in this process (for profilers);
 // memory figures are then not separated per implementation.
+#include <sys/resource.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -69,6 +70,7 @@ struct Options {
 // What one run reports back to the parent through a pipe.
 struct RunResult {
   double seconds = 0.0;
+  double cpuSeconds = 0.0;
   long numCells = 0;
   long rssBeforeKB = 0;
   long hwmKB = 0;
@@ -97,6 +99,14 @@ bool resetPeakRss() {
   return static_cast<bool>(out);
 }
 
+// User plus system time of this process.
+double cpuSeconds() {
+  rusage ru;
+  getrusage(RUSAGE_SELF, &ru);
+  return static_cast<double>(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) +
+         1e-6 * static_cast<double>(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec);
+}
+
 double nowSeconds() {
   using clk = std::chrono::steady_clock;
   return std::chrono::duration<double>(clk::now().time_since_epoch()).count();
@@ -113,9 +123,11 @@ RunResult runVelm(const std::vector<Point3>& vInput, bool bCheck) {
 
   NullBuffer nullBuffer;
   std::streambuf* pOld = std::cout.rdbuf(&nullBuffer);
+  double c0 = cpuSeconds();
   double t0 = nowSeconds();
   velm.insert(vPoints, vHandles);
   double t1 = nowSeconds();
+  r.cpuSeconds = cpuSeconds() - c0;
   std::cout.rdbuf(pOld);
   std::cout.clear();
   r.seconds = t1 - t0;
@@ -156,9 +168,11 @@ RunResult runCgal(const std::vector<Point3>& vInput, bool bCheck) {
   resetPeakRss();
   DT triangulation;
 
+  double c0 = cpuSeconds();
   double t0 = nowSeconds();
   triangulation.insert(vPoints.begin(), vPoints.end());
   double t1 = nowSeconds();
+  r.cpuSeconds = cpuSeconds() - c0;
   r.seconds = t1 - t0;
   r.hwmKB = readStatusKB("VmHWM");
   r.numCells = static_cast<long>(triangulation.number_of_finite_cells());
@@ -212,37 +226,41 @@ T median(std::vector<T> v) {
   return v[v.size() / 2];
 }
 
+// The runs of one implementation and their medians.
 struct Summary {
   bool ok = false;
+  bool bFailed = false;
+  std::vector<double> vSeconds, vCpu;
+  std::vector<long> vBefore, vHwm;
   double seconds = 0.0;
-  std::vector<double> vSeconds;
+  double cpu = 0.0;
   long numCells = 0;
   long rssBeforeKB = 0;
   long hwmKB = 0;
   int checkResult = -1;
   long growthKB() const { return hwmKB - rssBeforeKB; }
-};
 
-template <class Fn>
-Summary measure(Fn fn, const Options& opt) {
-  Summary s;
-  std::vector<long> vBefore, vHwm;
-  int runs = opt.bFork ? opt.repeat : 1;
-  for (int i = 0; i < runs; ++i) {
-    RunResult r = opt.bFork ? runForked(fn) : fn();
-    if (!r.ok) return s;
-    s.vSeconds.push_back(r.seconds);
+  void add(const RunResult& r) {
+    if (!r.ok) {
+      bFailed = true;
+      return;
+    }
+    vSeconds.push_back(r.seconds);
+    vCpu.push_back(r.cpuSeconds);
     vBefore.push_back(r.rssBeforeKB);
     vHwm.push_back(r.hwmKB);
-    s.numCells = r.numCells;
-    if (r.checkResult == 0 || s.checkResult == -1) s.checkResult = r.checkResult;
+    numCells = r.numCells;
+    if (r.checkResult == 0 || checkResult == -1) checkResult = r.checkResult;
   }
-  s.ok = true;
-  s.seconds = median(s.vSeconds);
-  s.rssBeforeKB = median(vBefore);
-  s.hwmKB = median(vHwm);
-  return s;
-}
+  void finish() {
+    ok = !bFailed && !vSeconds.empty();
+    if (!ok) return;
+    seconds = median(vSeconds);
+    cpu = median(vCpu);
+    rssBeforeKB = median(vBefore);
+    hwmKB = median(vHwm);
+  }
+};
 
 void printSummary(const char* name, const char* cellWord, const Summary& s, size_t numPoints,
                   bool bFork) {
@@ -251,13 +269,13 @@ void printSummary(const char* name, const char* cellWord, const Summary& s, size
     std::cout << "  run failed\n";
     return;
   }
-  std::cout << "  construction time   " << std::setprecision(3) << s.seconds << " s";
+  std::cout << "  construction time   " << std::setprecision(3) << s.seconds << " s wall";
   if (s.vSeconds.size() > 1) {
     std::cout << " (median of " << s.vSeconds.size() << ":";
     for (double t : s.vSeconds) std::cout << " " << t;
     std::cout << ")";
   }
-  std::cout << "\n";
+  std::cout << "\n  CPU time (usr+sys)  " << s.cpu << " s\n";
   std::cout << "  points per second   " << std::setprecision(0)
             << static_cast<double>(numPoints) / s.seconds << "\n";
   std::cout << "  " << std::left << std::setw(20) << cellWord << std::right << s.numCells << "\n";
@@ -339,27 +357,46 @@ int main(int argc, char** argv) {
   std::cout << "input: " << n << " points, " << what << "\n";
   std::cout << "runs:  " << (opt.bFork ? opt.repeat : 1)
             << (opt.bFork ? " per implementation, each in a forked child" : ", in process") << "\n";
-  std::cout << std::fixed;
 
+  std::cout << std::fixed;
+  double load[3] = {0, 0, 0};
+  if (getloadavg(load, 3) > 0)
+    std::cout << "load:  " << std::setprecision(2) << load[0]
+              << " (1 min average at start; on a busy machine trust CPU time over wall)\n";
+
+#ifndef VELM3D_BENCH_WITH_CGAL
+  if (opt.bCgal) std::cout << "CGAL: not built in (configure with CGAL installed)\n";
+  opt.bCgal = false;
+#endif
+  // The two implementations take turns, so that a load that comes and goes
+  // on the machine falls on both alike.
   Summary velm, cgal;
-  if (opt.bVelm) {
-    velm = measure([&] { return runVelm(vPoints, opt.bCheck); }, opt);
+  const int runs = opt.bFork ? opt.repeat : 1;
+  for (int i = 0; i < runs; ++i) {
+    if (opt.bVelm) {
+      auto fn = [&] { return runVelm(vPoints, opt.bCheck); };
+      velm.add(opt.bFork ? runForked(fn) : fn());
+    }
+#ifdef VELM3D_BENCH_WITH_CGAL
+    if (opt.bCgal) {
+      auto fn = [&] { return runCgal(vPoints, opt.bCheck); };
+      cgal.add(opt.bFork ? runForked(fn) : fn());
+    }
+#endif
+  }
+  velm.finish();
+  cgal.finish();
+  if (opt.bVelm)
     printSummary(("libvelm3d " + VELM3D::getVelm3DVersion()).c_str(), "tetrahedra", velm, n,
                  opt.bFork);
-  }
-#ifdef VELM3D_BENCH_WITH_CGAL
-  if (opt.bCgal) {
-    cgal = measure([&] { return runCgal(vPoints, opt.bCheck); }, opt);
+  if (opt.bCgal)
     printSummary("CGAL Delaunay_triangulation_3, Epick, range insert", "finite cells", cgal, n,
                  opt.bFork);
-  }
-#else
-  if (opt.bCgal) std::cout << "CGAL: not built in (configure with CGAL installed)\n";
-#endif
 
   if (velm.ok && cgal.ok) {
     std::cout << "velm/CGAL\n" << std::setprecision(2);
-    std::cout << "  time ratio          " << velm.seconds / cgal.seconds << "\n";
+    std::cout << "  time ratio          " << velm.seconds / cgal.seconds << " (wall), "
+              << velm.cpu / cgal.cpu << " (CPU)\n";
     if (opt.bFork && cgal.growthKB() > 0) {
       std::cout << "  memory ratio        " << static_cast<double>(velm.growthKB()) / cgal.growthKB()
                 << " (peak - before), "
@@ -368,9 +405,7 @@ int main(int argc, char** argv) {
     std::cout << "  cell counts         "
               << (velm.numCells == cgal.numCells ? "equal" : "differ") << "\n";
   }
-  bool bFailed = (opt.bVelm && !velm.ok) || velm.checkResult == 0 || cgal.checkResult == 0;
-#ifdef VELM3D_BENCH_WITH_CGAL
-  bFailed = bFailed || (opt.bCgal && !cgal.ok);
-#endif
+  bool bFailed = (opt.bVelm && !velm.ok) || (opt.bCgal && !cgal.ok) || velm.checkResult == 0 ||
+                 cgal.checkResult == 0;
   return bFailed ? 1 : 0;
 }
