@@ -1,0 +1,258 @@
+// Triangulations of easy and hard inputs, each verified by the exact checker
+// and by the library's own validity check, which must agree.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "exact_checker.h"
+
+using namespace VELM3D;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+
+namespace {
+
+// Runs f with the standard output captured (the library reports every vector
+// insert) and fails on any error report or lost walk in it.
+template <class F> std::string quiet(F f) {
+  CaptureStdout();
+  try {
+    f();
+  } catch (...) {
+    const std::string out = GetCapturedStdout();
+    ADD_FAILURE() << "exception; last output:\n" << out.substr(out.size() > 3000 ? out.size() - 3000 : 0);
+    return out;
+  }
+  const std::string out = GetCapturedStdout();
+  EXPECT_EQ(out.find("ERROR"), std::string::npos) << out.substr(0, 3000);
+  EXPECT_EQ(out.find("watchDog"), std::string::npos);
+  return out;
+}
+
+void insertAll(Velm_3D& vt, std::vector<Point3> v) {
+  quiet([&] { vt.insert(v); });
+}
+
+// The exact checker and checkValidity (with the sphere test) both accept.
+void expectDelaunay(Velm_3D& vt, const std::vector<Point3>& vAll, const std::string& what) {
+  SCOPED_TRACE(what);
+  EXPECT_TRUE(vt.is3D());
+  EXPECT_TRUE(exact::isDelaunayOf(vt, vAll));
+  bool bValid = false;
+  const std::string out = quiet([&] { bValid = vt.checkValidity(what, true); });
+  EXPECT_TRUE(bValid) << out.substr(0, 3000);
+  EXPECT_NE(out.find("seems OK"), std::string::npos);
+}
+
+void expectBulkDelaunay(const std::vector<Point3>& v, const std::string& what) {
+  Velm_3D vt;
+  insertAll(vt, v);
+  expectDelaunay(vt, v, what);
+}
+
+std::vector<Point3> randomPoints(size_t n, unsigned long seed, double lo = -1.0, double hi = 1.0) {
+  std::mt19937_64 gen(seed);
+  std::uniform_real_distribution<double> d(lo, hi);
+  std::vector<Point3> v;
+  for (size_t i = 0; i < n; ++i) {
+    const double x = d(gen), y = d(gen), z = d(gen);
+    v.emplace_back(x, y, z);
+  }
+  return v;
+}
+
+std::vector<Point3> grid(int n, double offset = 0.0, double scale = 1.0) {
+  std::vector<Point3> v;
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j < n; ++j)
+      for (int k = 0; k < n; ++k) v.emplace_back(offset + scale * i, offset + scale * j, offset + scale * k);
+  return v;
+}
+
+std::vector<Point3> sphere(int r) {
+  std::vector<Point3> v;
+  for (int x = -r; x <= r; ++x)
+    for (int y = -r; y <= r; ++y)
+      for (int z = -r; z <= r; ++z)
+        if (x * x + y * y + z * z == r * r) v.emplace_back(x, y, z);
+  return v;
+}
+
+size_t numTets(Velm_3D& vt) {
+  std::vector<Tet3*> v;
+  quiet([&] { vt.getTetrahedra(v); });
+  return v.size();
+}
+
+} // namespace
+
+TEST(Uniform, RandomPointsInACube) {
+  for (size_t n : {1000, 10000, 100000}) expectBulkDelaunay(randomPoints(n, n), "uniform " + std::to_string(n));
+}
+
+TEST(Degenerate, IntegerGrids) {
+  for (int n : {5, 10, 30}) expectBulkDelaunay(grid(n), "grid " + std::to_string(n));
+}
+
+TEST(Degenerate, ExactlyCosphericalIntegerPointsAndCubeCorners) {
+  for (int r : {5, 7, 25}) {
+    const std::vector<Point3> v = sphere(r);
+    ASSERT_GT(v.size(), 6u);
+    expectBulkDelaunay(v, "sphere " + std::to_string(r));
+  }
+  expectBulkDelaunay(grid(2), "cube corners");
+  // Single inserts, the first four in space, so that none waits outside.
+  Velm_3D vt;
+  std::vector<Point3> vCube = grid(2, -1.0, 2.0);
+  std::swap(vCube[3], vCube[4]);
+  for (Point3& p : vCube) quiet([&] { vt.insert(p); });
+  expectDelaunay(vt, vCube, "cube corners, single inserts");
+  EXPECT_GE(numTets(vt), 5u);
+  EXPECT_LE(numTets(vt), 6u);
+}
+
+TEST(Degenerate, FullyCoplanarOrCollinearSetsMakeNoTetrahedron) {
+  std::vector<Point3> vPlane, vLine, vSame(20, Point3(1, 2, 3));
+  for (int i = 0; i < 20; ++i)
+    for (int j = 0; j < 20; ++j) vPlane.emplace_back(i + 0.5 * j, 3.0 * j - i, 2.0 * i + j);
+  for (int i = 0; i < 50; ++i) vLine.emplace_back(i, 2.0 * i, -3.0 * i);
+  for (auto* pv : {&vPlane, &vLine, &vSame}) {
+    Velm_3D vt;
+    insertAll(vt, *pv);
+    Point3 single(35.0, 0.0, 70.0); // in the plane of vPlane, on no line of vLine
+    quiet([&] { vt.insert(single); });
+    EXPECT_FALSE(vt.is3D());
+    EXPECT_EQ(numTets(vt), 0u);
+    std::vector<Point3*> vVtx;
+    vt.getVertices(vVtx);
+    for (Point3* p : vVtx) EXPECT_EQ(p->getOneTet(), nullptr);
+  }
+}
+
+TEST(Degenerate, CoplanarFirstPointsThenSpace) {
+  // A coplanar vector waits in the store; the next vector brings it in.
+  std::vector<Point3> vFlat;
+  for (int i = 0; i < 12; ++i)
+    for (int j = 0; j < 12; ++j) vFlat.emplace_back(i, j, 0.0);
+  Velm_3D vt;
+  insertAll(vt, vFlat);
+  EXPECT_FALSE(vt.is3D());
+  const std::vector<Point3> vMore = randomPoints(300, 7, 0.0, 11.0);
+  insertAll(vt, vMore);
+  std::vector<Point3> vAll(vFlat);
+  vAll.insert(vAll.end(), vMore.begin(), vMore.end());
+  expectDelaunay(vt, vAll, "flat then space");
+
+  // One vector whose points are coplanar except a single apex: everything
+  // but the first tetrahedron goes over hull facets of a flat layer.
+  std::vector<Point3> vPyramid(vFlat);
+  vPyramid.emplace_back(5.5, 5.5, 4.0);
+  expectBulkDelaunay(vPyramid, "pyramid");
+  vPyramid.emplace_back(5.5, 5.5, -4.0);
+  expectBulkDelaunay(vPyramid, "double pyramid");
+}
+
+TEST(Duplicates, TenPercentExactRepeatsShareTheirHandles) {
+  std::vector<Point3> v = randomPoints(5000, 11);
+  std::mt19937_64 gen(12);
+  for (int i = 0; i < 500; ++i) v.push_back(v[gen() % 5000]);
+  v.push_back(Point3(-0.0, 0.0, 0.0));
+  v.push_back(Point3(0.0, -0.0, 0.0)); // equal positions: +0 and -0 compare equal
+  std::shuffle(v.begin(), v.end(), gen);
+  Velm_3D vt;
+  std::vector<Point3*> vHandles;
+  quiet([&] { vt.insert(v, vHandles); });
+  ASSERT_EQ(vHandles.size(), v.size());
+  for (size_t i = 0; i < v.size(); ++i) EXPECT_TRUE(*vHandles[i] == v[i]);
+  std::vector<Point3*> vSorted(vHandles);
+  oneInstance(vSorted);
+  EXPECT_EQ(vSorted.size(), 5001u);
+  expectDelaunay(vt, v, "duplicates");
+}
+
+TEST(NearDegenerate, GridMovedByOneUnitInTheLastPlace) {
+  std::mt19937_64 gen(5);
+  // Offsets keep every coordinate away from zero: a step from zero would be
+  // a subnormal number, whose products underflow.
+  for (double offset : {-4.5, 100.0}) {
+    std::vector<Point3> v = grid(10, offset);
+    for (Point3& p : v) {
+      double c[3] = {p.x(), p.y(), p.z()};
+      for (double& x : c) {
+        const int r = static_cast<int>(gen() % 3);
+        if (r == 1) x = std::nextafter(x, 1e300);
+        if (r == 2) x = std::nextafter(x, -1e300);
+      }
+      p = Point3(c[0], c[1], c[2]);
+    }
+    expectBulkDelaunay(v, "grid moved by an ulp, offset " + std::to_string(offset));
+  }
+}
+
+TEST(Hull, PointsExactlyOnHullFacetsAndHullEdges) {
+  // Cube corners, then points on the cube's faces: face centres and points
+  // on the cube's edges lie on hull edges, the others inside hull facets.
+  Velm_3D vt;
+  std::vector<Point3> vAll = grid(2, 0.0, 4.0);
+  insertAll(vt, vAll);
+  const double onFaces[][3] = {{2, 2, 0}, {1, 2, 0}, {2, 0, 0}, {4, 2, 2}, {4, 1, 3}, {0, 0, 2}, {3, 4, 1},
+                               {2, 2, 4}, {1, 1, 4}, {0, 3, 3}, {4, 4, 3}, {0.5, 0, 3.5}, {2, 4, 0}};
+  for (const auto& c : onFaces) {
+    Point3 p(c[0], c[1], c[2]);
+    quiet([&] { vt.insert(p); });
+    vAll.push_back(p);
+    expectDelaunay(vt, vAll, "single on the hull");
+  }
+  // The same as a vector, on a simplex: points on its slanted facet x+y+z=8
+  // and on its edges.
+  Velm_3D vt2;
+  std::vector<Point3> vSimplex = {Point3(0, 0, 0), Point3(8, 0, 0), Point3(0, 8, 0), Point3(0, 0, 8)};
+  insertAll(vt2, vSimplex);
+  std::vector<Point3> vOn;
+  for (int x = 0; x <= 8; ++x)
+    for (int y = 0; x + y <= 8; ++y) vOn.emplace_back(x, y, 8 - x - y);
+  for (int t = 1; t < 8; ++t) vOn.emplace_back(t, 0, 0);
+  insertAll(vt2, vOn);
+  vSimplex.insert(vSimplex.end(), vOn.begin(), vOn.end());
+  expectDelaunay(vt2, vSimplex, "vector on the hull");
+}
+
+TEST(Mixed, SingleInsertsInterleavedWithVectors) {
+  Velm_3D vt;
+  std::vector<Point3> vAll;
+  std::vector<Point3> vPool = randomPoints(2000, 21, 0.0, 10.0);
+  const std::vector<Point3> vGrid = grid(6, -1.0, 2.4);
+  vPool.insert(vPool.begin() + 1000, vGrid.begin(), vGrid.end());
+  size_t next = 0;
+  for (int round = 0; round < 6; ++round) {
+    std::vector<Point3> vBatch(vPool.begin() + next, vPool.begin() + next + 300);
+    next += 300;
+    insertAll(vt, vBatch);
+    vAll.insert(vAll.end(), vBatch.begin(), vBatch.end());
+    for (int k = 0; k < 40 && next < vPool.size(); ++k, ++next) {
+      Point3 p = vPool[next];
+      quiet([&] { vt.insert(p); });
+      vAll.push_back(p);
+    }
+    expectDelaunay(vt, vAll, "round " + std::to_string(round));
+  }
+}
+
+TEST(Scale, HugeOffsetLatticeAndTinyCoordinates) {
+  std::vector<Point3> vHuge = grid(6, 1e15);
+  std::mt19937_64 gen(3);
+  for (int i = 0; i < 300; ++i)
+    vHuge.emplace_back(1e15 + static_cast<double>(gen() % 64), 1e15 + static_cast<double>(gen() % 64),
+                       1e15 + static_cast<double>(gen() % 64));
+  expectBulkDelaunay(vHuge, "offset 1e15");
+  std::vector<Point3> vTiny = randomPoints(2000, 4);
+  const std::vector<Point3> vTinyGrid = grid(5, -2.0);
+  vTiny.insert(vTiny.end(), vTinyGrid.begin(), vTinyGrid.end());
+  // 2^-200 keeps the products of the sphere test (degree five) normal.
+  for (Point3& p : vTiny) p = Point3(std::ldexp(p.x(), -200), std::ldexp(p.y(), -200), std::ldexp(p.z(), -200));
+  expectBulkDelaunay(vTiny, "scale 2^-200");
+}
