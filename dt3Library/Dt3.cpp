@@ -46,6 +46,12 @@ Dt3::~Dt3() {
   // with all vertices, the arrays, then the tetrahedron and registry pools.
 }
 
+Tet3* Dt3::newTetFromPool() {
+  Tet3* ret = poolTet.nextObject();
+  VELM_ASSERT(ret!=NULL);
+  return ret;
+}
+
 Surface3* Dt3::createEmptySurface() {
   Surface3* pSurface = new Surface3(this);
   vSurfaces.push_back(pSurface);

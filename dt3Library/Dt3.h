@@ -75,8 +75,7 @@ public:
       ret = vDoomedPrev.back();
       vDoomedPrev.pop_back();
     } else {
-      ret = poolTet.nextObject();
-      VELM_ASSERT(ret!=NULL);
+      ret = newTetFromPool();
     }
     ret->setProperties(a, b, c, d);
     return ret;
@@ -142,6 +141,8 @@ public:
   void registerInnerFacets(Tet3* pNewTet);
   // Offers the overflow list again, from its back, and empties it.
   void tcsFinalPass();
+  // Takes a fresh record from the pool (when no retired one is waiting).
+  Tet3* newTetFromPool();
   static unsigned long tcsHash(const Point3* pLow, const Point3* pHigh) {
     const unsigned long a = reinterpret_cast<unsigned long>(pLow);
     const unsigned long b = reinterpret_cast<unsigned long>(pHigh);

@@ -76,7 +76,7 @@ private:
   void enlarge(double factor);
 
   Bbox3 bbox;
-  double spareExtent;
+  [[maybe_unused]] double spareExtent;
   unsigned long level;
   unsigned int numBits;
   const double* pMinX;

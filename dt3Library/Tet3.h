@@ -192,8 +192,8 @@ public:
 
 private:
   Edge3 curEdge;
-  void* pAux;
-  int auxIndex;
+  [[maybe_unused]] void* pAux;
+  [[maybe_unused]] int auxIndex;
 };
 
 // Sorts by value and removes repeated elements, keeping one of each.
