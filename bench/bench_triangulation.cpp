@@ -15,9 +15,11 @@
 // Usage:
 //   bench_triangulation [--points N] [--seed S] [--grid K] [--xyz FILE]
 //                       [--repeat R] [--check] [--no-cgal] [--no-velm]
-//                       [--no-fork]
+//                       [--no-fork] [--no-count]
 // --no-fork runs each implementation once in this process (for profilers);
-// memory figures are then not separated per implementation.
+// memory figures are then not separated per implementation. --no-count skips
+// reading the tetrahedra back, so that a profile of the whole process shows
+// little beyond the construction (the count is then printed as 0).
 #include <sys/resource.h>
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -65,6 +67,7 @@ struct Options {
   bool bCgal = true;
   bool bVelm = true;
   bool bFork = true;
+  bool bCount = true;
 };
 
 // What one run reports back to the parent through a pipe.
@@ -112,7 +115,7 @@ double nowSeconds() {
   return std::chrono::duration<double>(clk::now().time_since_epoch()).count();
 }
 
-RunResult runVelm(const std::vector<Point3>& vInput, bool bCheck) {
+RunResult runVelm(const std::vector<Point3>& vInput, bool bCheck, bool bCount) {
   RunResult r;
   std::vector<Point3> vPoints(vInput);
   std::vector<Point3*> vHandles;
@@ -133,9 +136,11 @@ RunResult runVelm(const std::vector<Point3>& vInput, bool bCheck) {
   r.seconds = t1 - t0;
   r.hwmKB = readStatusKB("VmHWM");
 
-  std::vector<VELM3D::Tet3*> vTets;
-  velm.getTetrahedra(vTets);
-  r.numCells = static_cast<long>(vTets.size());
+  if (bCount) {
+    std::vector<VELM3D::Tet3*> vTets;
+    velm.getTetrahedra(vTets);
+    r.numCells = static_cast<long>(vTets.size());
+  }
 
   if (bCheck) {
     // The check reports on the console; keep its text and show it only
@@ -310,10 +315,11 @@ bool parseOptions(int argc, char** argv, Options& opt) {
     else if (a == "--no-cgal") opt.bCgal = false;
     else if (a == "--no-velm") opt.bVelm = false;
     else if (a == "--no-fork") opt.bFork = false;
+    else if (a == "--no-count") opt.bCount = false;
     else {
       std::cerr << "usage: " << argv[0]
                 << " [--points N] [--seed S] [--grid K] [--xyz FILE] [--repeat R] [--check]"
-                   " [--no-cgal] [--no-velm] [--no-fork]\n";
+                   " [--no-cgal] [--no-velm] [--no-fork] [--no-count]\n";
       return false;
     }
   }
@@ -374,7 +380,7 @@ int main(int argc, char** argv) {
   const int runs = opt.bFork ? opt.repeat : 1;
   for (int i = 0; i < runs; ++i) {
     if (opt.bVelm) {
-      auto fn = [&] { return runVelm(vPoints, opt.bCheck); };
+      auto fn = [&] { return runVelm(vPoints, opt.bCheck, opt.bCount); };
       velm.add(opt.bFork ? runForked(fn) : fn());
     }
 #ifdef VELM3D_BENCH_WITH_CGAL
