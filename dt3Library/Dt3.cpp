@@ -355,7 +355,7 @@ Tet3* Dt3::insertVertex(Point3*& pVtx, Tet3* pCurTet) {
       }
       // At this point facet ith lies on the cavity's boundary.
       pNewTet = createTet(pCavTet, ith, pVtx);
-      if (pOppTet != nullptr) registerTets(pNewTet, 0, pOppTet, pOppTet->getIntraTetIndex(pCavTet));
+      if (pOppTet != nullptr) linkTets(pNewTet, 0, pOppTet, pOppTet->getIntraTetIndex(pCavTet));
       registerInnerFacets(pNewTet);
     }
   }
@@ -386,7 +386,70 @@ Tet3* Dt3::duplicateInsertCheck(Point3*& pVtx, Tet3* pCurTet, int locateResult) 
 // tetrahedron with a pair leaves an open entry, the second closes it and the
 // two are linked at once. 1024 buckets of one entry plus a flat overflow list.
 
-void Dt3::registerInnerFacets(Tet3* pNewTet) {
+inline void Dt3::linkTets(Tet3* fromTet, int ith, Tet3* toTet, int jth) {
+  VELM_ASSERT(range03(ith));
+  VELM_ASSERT(range03(jth));
+  VELM_ASSERT(toTet!=NULL);
+  if (fromTet == toTet) {
+    std::cout << "register tets has been called with fromTet==toTet==" << static_cast<void*>(fromTet)
+              << std::endl;
+    std::cout << *fromTet << std::endl;
+    VELM_ASSERT(fromTet!=toTet);
+  }
+  toTet->setOppTet(jth, fromTet);
+  fromTet->setOppTet(ith, toTet);
+}
+
+void Dt3::registerTets(Tet3* fromTet, int ith, Tet3* toTet, int jth) { linkTets(fromTet, ith, toTet, jth); }
+
+inline void Dt3::offerFacet(unsigned long hash, Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh) {
+  TwoTetStruct*& pBucket = vTcsTable[hash];
+  if (pBucket == nullptr) {
+    TwoTetStruct* pEntry = poolTwoTet.nextObject();
+    pEntry->pVtxLow = pVtxLow;
+    pEntry->pVtxHigh = pVtxHigh;
+    pEntry->pTet = pTet;
+    pEntry->ith = ith;
+    pBucket = pEntry;
+    ++numStoredTCS;
+    return;
+  }
+  if (pBucket->pVtxLow == pVtxLow && pBucket->pVtxHigh == pVtxHigh) {
+    // The entry's own tetrahedron is not compared here.
+    --numStoredTCS;
+    linkTets(pBucket->pTet, pBucket->ith, pTet, ith);
+    pBucket = nullptr;
+    return;
+  }
+  offerFacetToOverflow(pTet, ith, pVtxLow, pVtxHigh);
+}
+
+// The bucket holds another pair: look for the partner in the overflow list,
+// passing over entries of this same tetrahedron; else append.
+void Dt3::offerFacetToOverflow(Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh) {
+  for (auto it = vHashCollisions.begin(); it != vHashCollisions.end(); ++it) {
+    TwoTetStruct* pEntry = *it;
+    if (pEntry->pVtxLow == pVtxLow && pEntry->pVtxHigh == pVtxHigh && pEntry->pTet != pTet) {
+      linkTets(pEntry->pTet, pEntry->ith, pTet, ith);
+      vHashCollisions.erase(it);
+      --numStoredTCS;
+      return;
+    }
+  }
+  TwoTetStruct* pEntry = poolTwoTet.nextObject();
+  pEntry->pVtxLow = pVtxLow;
+  pEntry->pVtxHigh = pVtxHigh;
+  pEntry->pTet = pTet;
+  pEntry->ith = ith;
+  vHashCollisions.push_back(pEntry);
+  ++numStoredTCS;
+}
+
+void Dt3::tcsTreatment(unsigned long hash, Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh) {
+  offerFacet(hash, pTet, ith, pVtxLow, pVtxHigh);
+}
+
+inline void Dt3::registerInnerFacets(Tet3* pNewTet) {
   Point3* p[3] = {pNewTet->getCorner(1), pNewTet->getCorner(2), pNewTet->getCorner(3)};
   int idx[3] = {1, 2, 3};
   // Three-element sort by address, keeping each corner's index.
@@ -402,45 +465,9 @@ void Dt3::registerInnerFacets(Tet3* pNewTet) {
       std::swap(idx[0], idx[1]);
     }
   }
-  tcsTreatment(tcsHash(p[1], p[2]), pNewTet, idx[0], p[1], p[2]);
-  tcsTreatment(tcsHash(p[0], p[2]), pNewTet, idx[1], p[0], p[2]);
-  tcsTreatment(tcsHash(p[0], p[1]), pNewTet, idx[2], p[0], p[1]);
-}
-
-void Dt3::tcsTreatment(unsigned long hash, Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh) {
-  TwoTetStruct*& pBucket = vTcsTable[hash];
-  if (pBucket == nullptr) {
-    TwoTetStruct* pEntry = poolTwoTet.nextObject();
-    pEntry->pVtxLow = pVtxLow;
-    pEntry->pVtxHigh = pVtxHigh;
-    pEntry->pTet = pTet;
-    pEntry->ith = ith;
-    pBucket = pEntry;
-    ++numStoredTCS;
-    return;
-  }
-  if (pBucket->pVtxLow == pVtxLow && pBucket->pVtxHigh == pVtxHigh) {
-    --numStoredTCS;
-    registerTets(pBucket->pTet, pBucket->ith, pTet, ith);
-    pBucket = nullptr;
-    return;
-  }
-  for (auto it = vHashCollisions.begin(); it != vHashCollisions.end(); ++it) {
-    TwoTetStruct* pEntry = *it;
-    if (pEntry->pVtxLow == pVtxLow && pEntry->pVtxHigh == pVtxHigh && pEntry->pTet != pTet) {
-      registerTets(pEntry->pTet, pEntry->ith, pTet, ith);
-      vHashCollisions.erase(it);
-      --numStoredTCS;
-      return;
-    }
-  }
-  TwoTetStruct* pEntry = poolTwoTet.nextObject();
-  pEntry->pVtxLow = pVtxLow;
-  pEntry->pVtxHigh = pVtxHigh;
-  pEntry->pTet = pTet;
-  pEntry->ith = ith;
-  vHashCollisions.push_back(pEntry);
-  ++numStoredTCS;
+  offerFacet(tcsHash(p[1], p[2]), pNewTet, idx[0], p[1], p[2]);
+  offerFacet(tcsHash(p[0], p[2]), pNewTet, idx[1], p[0], p[2]);
+  offerFacet(tcsHash(p[0], p[1]), pNewTet, idx[2], p[0], p[1]);
 }
 
 // A pair whose first half went to the overflow list while another pair held
@@ -455,20 +482,6 @@ void Dt3::tcsFinalPass() {
     --numStoredTCS;
   }
   vHashCollisions.clear();
-}
-
-void Dt3::registerTets(Tet3* fromTet, int ith, Tet3* toTet, int jth) {
-  VELM_ASSERT(range03(ith));
-  VELM_ASSERT(range03(jth));
-  VELM_ASSERT(toTet!=NULL);
-  if (fromTet == toTet) {
-    std::cout << "register tets has been called with fromTet==toTet==" << static_cast<void*>(fromTet)
-              << std::endl;
-    std::cout << *fromTet << std::endl;
-    VELM_ASSERT(fromTet!=toTet);
-  }
-  toTet->setOppTet(jth, fromTet);
-  fromTet->setOppTet(ith, toTet);
 }
 
 void Dt3::tcsReset() {

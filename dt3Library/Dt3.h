@@ -136,13 +136,18 @@ public:
   size_t getNumHashCollisions() const { return vHashCollisions.size(); }
   bool isRegistryEmpty() const;
 
-  // Offers the three inner facets of a new tetrahedron (corner 0 is the new
-  // vertex) to the registry, each named by its pair of other corners.
-  void registerInnerFacets(Tet3* pNewTet);
   // Offers the overflow list again, from its back, and empties it.
   void tcsFinalPass();
   // Takes a fresh record from the pool (when no retired one is waiting).
   Tet3* newTetFromPool();
+  // The hot forms of tcsTreatment and registerTets, inlined into the
+  // insertion; the overflow list is the rare, out-of-line part.
+  inline void offerFacet(unsigned long hash, Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh);
+  void offerFacetToOverflow(Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh);
+  inline void linkTets(Tet3* fromTet, int ith, Tet3* toTet, int jth);
+  // Offers the three inner facets of a new tetrahedron (corner 0 is the new
+  // vertex) to the registry, each named by its pair of other corners.
+  inline void registerInnerFacets(Tet3* pNewTet);
   static unsigned long tcsHash(const Point3* pLow, const Point3* pHigh) {
     const unsigned long a = reinterpret_cast<unsigned long>(pLow);
     const unsigned long b = reinterpret_cast<unsigned long>(pHigh);
