@@ -428,8 +428,11 @@ inline SphereInclusion ExactTest::sphereInclusionTest(Tet3* pTet, const Point3* 
                            ((bexceyplus + cexbeyplus) * aezplus + (cexaeyplus + aexceyplus) * bezplus +
                             (aexbeyplus + bexaeyplus) * cezplus) * dlift;
   const double errbound = isperrboundA * permanent;
-  if (errbound > det && errbound > -det) {
-    // Undecided: a corner queried by its own pointer needs no exact stage.
+  // Decided only when |det| exceeds the bound, as published. A query with
+  // the coordinates of a corner zeroes a row of the determinant, so det,
+  // permanent and errbound are all 0 and it lands here as undecided: by
+  // pointer it is that corner, otherwise insphereadapt classifies it.
+  if (!(det > errbound || -det > errbound)) {
     if (pTet->getCorner(0) == pQ || pTet->getCorner(1) == pQ || pTet->getCorner(2) == pQ ||
         pTet->getCorner(3) == pQ)
       return SIC_CORNER;

@@ -1,0 +1,246 @@
+// Tests of the expansion arithmetic beneath the predicates: the measured
+// constants, the error-free building blocks and the expansion routines, all
+// checked against GMP rationals, never against the library itself.
+#include <gmpxx.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "BrixTest3.h"
+
+using namespace VELM3D;
+
+namespace {
+
+mpq_class exactSum(int n, const double* e) {
+  mpq_class s = 0;
+  for (int i = 0; i < n; ++i) s += mpq_class(e[i]);
+  return s;
+}
+
+// Exponent of the lowest set bit of a nonzero double.
+int lowBit(double x) {
+  int exp;
+  const double m = std::frexp(std::fabs(x), &exp);
+  const auto bits = static_cast<uint64_t>(std::ldexp(m, 53));
+  return exp - 53 + __builtin_ctzll(bits);
+}
+
+// Nonzero components grow in magnitude and do not overlap: the highest bit of
+// each lies below the lowest bit of the next.
+bool isNonoverlapping(int n, const double* e) {
+  double prev = 0.0;
+  for (int i = 0; i < n; ++i) {
+    if (e[i] == 0.0) continue;
+    if (prev != 0.0 && std::ilogb(prev) >= lowBit(e[i])) return false;
+    prev = e[i];
+  }
+  return true;
+}
+
+bool hasZero(int n, const double* e) {
+  for (int i = 0; i < n; ++i)
+    if (e[i] == 0.0) return true;
+  return false;
+}
+
+// A random nonadjacent expansion of 1 to maxLen components: random signs,
+// random mantissas with random runs of trailing zeros, gaps of 2 to 40 bits.
+int randomExpansion(std::mt19937_64& rng, double* e, int maxLen) {
+  const int len = 1 + static_cast<int>(rng() % maxLen);
+  int top = static_cast<int>(rng() % 81) - 40;
+  for (int k = len - 1; k >= 0; --k) {
+    uint64_t m = (uint64_t(1) << 52) | (rng() & ((uint64_t(1) << 52) - 1));
+    m &= ~((uint64_t(1) << (rng() % 53)) - 1);
+    e[k] = std::ldexp(static_cast<double>(m), top - 52) * ((rng() & 1) ? 1.0 : -1.0);
+    top = lowBit(e[k]) - 2 - static_cast<int>(rng() % 39);
+  }
+  return len;
+}
+
+using SumFn = std::function<int(int, double*, int, double*, double*)>;
+
+struct SumRoutine {
+  std::string name;
+  SumFn fn;
+  bool bDropsZeros;
+};
+
+} // namespace
+
+TEST(ExactInit, ConstantsAreTheMeasuredIeeeValues) {
+  ExactTest t;
+  EXPECT_EQ(t.splitter, 134217729.0);
+  EXPECT_EQ(t.epsilon, 0x1p-53);
+  EXPECT_EQ(t.resulterrbound, 3.3306690738754706e-16);
+  EXPECT_EQ(t.ccwerrboundA, 3.3306690738754716e-16);
+  EXPECT_EQ(t.ccwerrboundB, 2.2204460492503146e-16);
+  EXPECT_EQ(t.ccwerrboundC, 1.1093356479670487e-31);
+  EXPECT_EQ(t.o3derrboundA, 7.771561172376103e-16);
+  EXPECT_EQ(t.o3derrboundB, 3.330669073875473e-16);
+  EXPECT_EQ(t.o3derrboundC, 3.2047474274603644e-31);
+  EXPECT_EQ(t.iccerrboundA, 1.1102230246251577e-15);
+  EXPECT_EQ(t.iccerrboundB, 4.440892098500632e-16);
+  EXPECT_EQ(t.iccerrboundC, 5.423418723394464e-31);
+  EXPECT_EQ(t.isperrboundA, 1.7763568394002532e-15);
+  EXPECT_EQ(t.isperrboundB, 5.551115123125792e-16);
+  EXPECT_EQ(t.isperrboundC, 8.751425667295619e-31);
+  // A second measurement starts from fixed values and gives the same bits.
+  ExactTest u = t;
+  u.exactinit();
+  EXPECT_EQ(std::memcmp(&t, &u, sizeof(ExactTest)), 0);
+}
+
+// The inline blocks as a caller of the header compiles them.
+TEST(BuildingBlocks, ResultsEqualTheExactValue) {
+  std::mt19937_64 rng(7);
+  std::uniform_real_distribution<double> mant(-1.0, 1.0);
+  std::uniform_int_distribution<int> expo(-60, 60);
+  const double s = 134217729.0;
+  auto r = [&] { return std::ldexp(mant(rng), expo(rng)); };
+  for (int i = 0; i < 20000; ++i) {
+    const double a1 = r(), b1 = r(), a0 = std::ldexp(a1, -60) * mant(rng);
+    const double b0 = std::ldexp(b1, -60) * mant(rng);
+    const mpq_class A1(a1), A0(a0), B1(b1), B0(b0);
+    double x[12];
+    Two_Sum(a1, b1, x[1], x[0]);
+    ASSERT_EQ(exactSum(2, x), A1 + B1);
+    Two_Diff(a1, b1, x[1], x[0]);
+    ASSERT_EQ(exactSum(2, x), A1 - B1);
+    Two_Product(a1, b1, x[1], x[0], s);
+    ASSERT_EQ(exactSum(2, x), A1 * B1);
+    Square(a1, x[1], x[0], s);
+    ASSERT_EQ(exactSum(2, x), A1 * A1);
+    Two_One_Sum(a1, a0, b1, x[2], x[1], x[0]);
+    ASSERT_EQ(exactSum(3, x), A1 + A0 + B1);
+    Two_Two_Diff(a1, a0, b1, b0, x[3], x[2], x[1], x[0]);
+    ASSERT_EQ(exactSum(4, x), A1 + A0 - B1 - B0);
+    Two_Two_Sum(a1, a0, b1, b0, x[3], x[2], x[1], x[0]);
+    ASSERT_EQ(exactSum(4, x), A1 + A0 + B1 + B0);
+    ASSERT_TRUE(isNonoverlapping(4, x));
+    const double y3 = x[3], y2 = x[2], y1 = x[1], y0 = x[0];
+    Four_One_Product(y3, y2, y1, y0, a1, x[7], x[6], x[5], x[4], x[3], x[2], x[1], x[0], s);
+    ASSERT_EQ(exactSum(8, x), (A1 + A0 + B1 + B0) * A1);
+    Eight_Four_Sum(y3, y2, y1, y0, a1, a0, b1, b0, a1, a0, b1, b0, x[11], x[10], x[9], x[8], x[7],
+                   x[6], x[5], x[4], x[3], x[2], x[1], x[0]);
+    ASSERT_EQ(exactSum(12, x), 3 * (A1 + A0 + B1 + B0));
+    Two_One_Product(a1, a0, b1, x[3], x[2], x[1], x[0], s);
+    ASSERT_EQ(exactSum(4, x), (A1 + A0) * B1);
+    Two_Two_Product(a1, a0, b1, b0, x[7], x[6], x[5], x[4], x[3], x[2], x[1], x[0], s);
+    ASSERT_EQ(exactSum(8, x), (A1 + A0) * (B1 + B0));
+    Two_Square(a1, a0, x[5], x[4], x[3], x[2], x[1], x[0], s);
+    ASSERT_EQ(exactSum(6, x), (A1 + A0) * (A1 + A0));
+  }
+}
+
+// Would fail if the library were built with contracted multiply-adds or
+// excess precision. Both cases run inside the shared library: the error term
+// of one product must be the exact difference between the true and the
+// rounded product, and a two-component scale_expansion (found to go wrong when the
+// library is built with -mfma -ffp-contract=fast) must be exact.
+TEST(BuildingBlocks, LibraryProductTailIsExactUnderItsFlags) {
+  ExactTest t;
+  double a = 0.1, b = 0.30000000000000004, h[4];
+  ASSERT_EQ(t.scale_expansion_zeroelim(1, &a, b, h), 2);
+  EXPECT_EQ(h[1], a * b);
+  const mpq_class tail = mpq_class(a) * mpq_class(b) - mpq_class(h[1]);
+  ASSERT_NE(tail, 0);
+  EXPECT_EQ(mpq_class(h[0]), tail);
+  double c = 1.0 + 0x1p-30, d = 1.0 + 0x1p-29;  // 1 + 3*2^-30, tail 2^-59
+  ASSERT_EQ(t.scale_expansion_zeroelim(1, &c, d, h), 2);
+  EXPECT_EQ(h[1], 1.0 + 0x3p-30);
+  EXPECT_EQ(h[0], 0x1p-59);
+  double e[2] = {0x1.165814314p-76, -0x1.014b499588p-19};
+  const double f = 0x1.b665e889b758p-29;
+  const int n = t.scale_expansion(2, e, f, h);
+  EXPECT_EQ(exactSum(n, h), (mpq_class(e[0]) + mpq_class(e[1])) * mpq_class(f));
+}
+
+TEST(ExpansionSums, MatchRationalSumsOnRandomExpansions) {
+  std::vector<SumRoutine> v = {{"expansion_sum", expansion_sum, false},
+                               {"expansion_sum_zeroelim1", expansion_sum_zeroelim1, true},
+                               {"expansion_sum_zeroelim2", expansion_sum_zeroelim2, false},
+                               {"fast_expansion_sum", fast_expansion_sum, false},
+                               {"fast_expansion_sum_zeroelim", fast_expansion_sum_zeroelim, true},
+                               {"linear_expansion_sum", linear_expansion_sum, false},
+                               {"linear_expansion_sum_zeroelim", linear_expansion_sum_zeroelim, true}};
+  std::mt19937_64 rng(11);
+  double e[12], f[12], h[24];
+  for (int i = 0; i < 15000; ++i) {
+    const int elen = randomExpansion(rng, e, 12);
+    int flen = randomExpansion(rng, f, 12);
+    // Every other case cancels: f = -e, or all but the smallest component.
+    if (i % 2 == 1) {
+      flen = elen;
+      for (int k = 0; k < elen; ++k) f[k] = -e[k];
+      if (i % 4 == 3) f[0] = 0.5 * e[0];
+    }
+    const mpq_class want = exactSum(elen, e) + exactSum(flen, f);
+    for (const SumRoutine& r : v) {
+      const int n = r.fn(elen, e, flen, f, h);
+      ASSERT_EQ(exactSum(n, h), want) << r.name << " case " << i;
+      ASSERT_TRUE(isNonoverlapping(n, h)) << r.name << " case " << i;
+      if (r.bDropsZeros) {
+        ASSERT_TRUE(n == 1 || !hasZero(n, h)) << r.name << " case " << i;
+      }
+    }
+    const double b = f[flen - 1];
+    int n = grow_expansion(elen, e, b, h);
+    ASSERT_EQ(n, elen + 1);
+    ASSERT_EQ(exactSum(n, h), exactSum(elen, e) + b);
+    n = grow_expansion_zeroelim(elen, e, b, h);
+    ASSERT_EQ(exactSum(n, h), exactSum(elen, e) + b);
+    ASSERT_TRUE(isNonoverlapping(n, h) && (n == 1 || !hasZero(n, h)));
+    n = compress(elen, e, h);
+    ASSERT_EQ(exactSum(n, h), exactSum(elen, e));
+    ASSERT_TRUE(isNonoverlapping(n, h));
+  }
+}
+
+TEST(ExpansionSums, CancellationLeavesZerosOrASingleZero) {
+  double e[2] = {0x1p-40, 3.0}, h[4];
+  // b cancels the small component: the plain grow keeps the zeros.
+  ASSERT_EQ(grow_expansion(2, e, -0x1p-40, h), 3);
+  EXPECT_EQ(h[0], 0.0);
+  EXPECT_EQ(h[1], 0.0);
+  EXPECT_EQ(h[2], 3.0);
+  ASSERT_EQ(grow_expansion_zeroelim(2, e, -0x1p-40, h), 1);
+  EXPECT_EQ(h[0], 3.0);
+  double f[2] = {-0x1p-40, -3.0};
+  ASSERT_EQ(fast_expansion_sum_zeroelim(2, e, 2, f, h), 1);
+  EXPECT_EQ(h[0], 0.0);
+  ASSERT_EQ(linear_expansion_sum_zeroelim(2, e, 2, f, h), 1);
+  EXPECT_EQ(h[0], 0.0);
+  ASSERT_EQ(expansion_sum_zeroelim1(2, e, 2, f, h), 1);
+  EXPECT_EQ(h[0], 0.0);
+  ExactTest t;
+  ASSERT_EQ(t.scale_expansion_zeroelim(2, e, 0.0, h), 1);
+  EXPECT_EQ(h[0], 0.0);
+  EXPECT_EQ(estimate(1, e + 1), 3.0);
+  EXPECT_EQ(estimate(2, e), 3.0 + 0x1p-40);
+}
+
+TEST(ExpansionScaling, MatchesRationalProducts) {
+  ExactTest t;
+  std::mt19937_64 rng(13);
+  std::uniform_real_distribution<double> mant(-1.0, 1.0);
+  double e[12], h[24];
+  for (int i = 0; i < 20000; ++i) {
+    const int elen = randomExpansion(rng, e, 12);
+    const double b = std::ldexp(mant(rng), static_cast<int>(rng() % 81) - 40);
+    const mpq_class want = exactSum(elen, e) * mpq_class(b);
+    int n = t.scale_expansion(elen, e, b, h);
+    ASSERT_EQ(n, 2 * elen);
+    ASSERT_EQ(exactSum(n, h), want);
+    ASSERT_TRUE(isNonoverlapping(n, h));
+    n = t.scale_expansion_zeroelim(elen, e, b, h);
+    ASSERT_EQ(exactSum(n, h), want);
+    ASSERT_TRUE(isNonoverlapping(n, h) && !hasZero(n, h));
+  }
+}
