@@ -7,7 +7,7 @@
 // run starts from the same heap and its peak resident set size (VmHWM) belongs
 // to that run alone. The child resets VmHWM just before it makes the
 // triangulation object (through /proc/self/clear_refs) and reports:
-//   - the wall time around the bulk insertion call only;
+//   - wall and CPU time (user + system) around the bulk insertion call only;
 //   - RSS before construction (input already in memory) and peak RSS;
 //   - the growth, peak minus before, which is what the triangulation costs.
 // With --repeat R every figure is the median of R runs.
