@@ -406,12 +406,13 @@ int main(int argc, char** argv) {
                 << " (peak - before), "
                 << static_cast<double>(velm.hwmKB) / cgal.hwmKB << " (peak RSS)\n";
     }
-    std::cout << "  cell counts         "
-              << (velm.numCells == cgal.numCells
-                      ? "equal"
-                      : "differ (expected only where points are cospherical, e.g. on grids: "
-                        "the Delaunay triangulation is then not unique)")
-              << "\n";
+    if (opt.bCount)
+      std::cout << "  cell counts         "
+                << (velm.numCells == cgal.numCells
+                        ? "equal"
+                        : "differ (expected only where points are cospherical, e.g. on grids: "
+                          "the Delaunay triangulation is then not unique)")
+                << "\n";
   }
   bool bFailed = (opt.bVelm && !velm.ok) || (opt.bCgal && !cgal.ok) || velm.checkResult == 0 ||
                  cgal.checkResult == 0;
