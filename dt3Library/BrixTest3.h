@@ -26,6 +26,9 @@
 #pragma once
 
 #include <cmath>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 #include <cstdlib>
 #include <string>
 
@@ -290,6 +293,16 @@ public:
   // Whether pQ lies strictly inside the circumsphere of pTet.
   inline SphereInclusion sphereInclusionTest(Tet3* pTet, const Point3* pQ) const;
 
+  // The determinant and permanent of the sphere test's filter; the SSE2
+  // form computes the same bits two terms at a time.
+  static inline void insphereFilter(const double* pa, const double* pb, const double* pc,
+                                    const double* pd, const double* pe, double& det, double& permanent);
+#if defined(__SSE2__)
+  static inline void insphereFilterSse2(const double* pa, const double* pb, const double* pc,
+                                        const double* pd, const double* pe, double& det,
+                                        double& permanent);
+#endif
+
   double orient3d(double* pa, double* pb, double* pc, double* pd) const;
   double orient3dadapt(double* pa, double* pb, double* pc, double* pd, double permanent) const;
   double insphere(double* pa, double* pb, double* pc, double* pd, double* pe) const;
@@ -388,6 +401,32 @@ inline SphereInclusion ExactTest::sphereInclusionTest(Tet3* pTet, const Point3* 
   pTet->getCorner(3)->xyz(pd[0], pd[1], pd[2]);
   pQ->xyz(pe[0], pe[1], pe[2]);
 
+  double det, permanent;
+#if defined(__SSE2__)
+  insphereFilterSse2(pa, pb, pc, pd, pe, det, permanent);
+#else
+  insphereFilter(pa, pb, pc, pd, pe, det, permanent);
+#endif
+  const double errbound = isperrboundA * permanent;
+  // Decided only when |det| exceeds the bound, as published. A query with
+  // the coordinates of a corner zeroes a row of the determinant, so det,
+  // permanent and errbound are all 0 and it lands here as undecided: by
+  // pointer it is that corner, otherwise insphereadapt classifies it.
+  if (!(det > errbound || -det > errbound)) {
+    if (pTet->getCorner(0) == pQ || pTet->getCorner(1) == pQ || pTet->getCorner(2) == pQ ||
+        pTet->getCorner(3) == pQ)
+      return SIC_CORNER;
+    det = static_cast<double>(insphereadapt(pa, pb, pc, pd, pe, permanent));
+  }
+  // A positively oriented Tet3 has a negative published orientation, so a
+  // negative published insphere determinant means strictly inside.
+  return det > 0.0 ? SIC_OUTSIDE : SIC_INSIDE;
+}
+
+// The published insphere determinant and its permanent, in double.
+inline void ExactTest::insphereFilter(const double* pa, const double* pb, const double* pc,
+                                      const double* pd, const double* pe, double& det,
+                                      double& permanent) {
   const double aex = pa[0] - pe[0], bex = pb[0] - pe[0], cex = pc[0] - pe[0], dex = pd[0] - pe[0];
   const double aey = pa[1] - pe[1], bey = pb[1] - pe[1], cey = pc[1] - pe[1], dey = pd[1] - pe[1];
   const double aez = pa[2] - pe[2], bez = pb[2] - pe[2], cez = pc[2] - pe[2], dez = pd[2] - pe[2];
@@ -409,7 +448,7 @@ inline SphereInclusion ExactTest::sphereInclusionTest(Tet3* pTet, const Point3* 
   const double clift = cex * cex + cey * cey + cez * cez;
   const double dlift = dex * dex + dey * dey + dez * dez;
 
-  double det = (dlift * abc - clift * dab) + (blift * cda - alift * bcd);
+  det = (dlift * abc - clift * dab) + (blift * cda - alift * bcd);
 
   const double aezplus = std::fabs(aez), bezplus = std::fabs(bez);
   const double cezplus = std::fabs(cez), dezplus = std::fabs(dez);
@@ -419,28 +458,84 @@ inline SphereInclusion ExactTest::sphereInclusionTest(Tet3* pTet, const Point3* 
   const double dexaeyplus = std::fabs(dexaey), aexdeyplus = std::fabs(aexdey);
   const double aexceyplus = std::fabs(aexcey), cexaeyplus = std::fabs(cexaey);
   const double bexdeyplus = std::fabs(bexdey), dexbeyplus = std::fabs(dexbey);
-  const double permanent = ((cexdeyplus + dexceyplus) * bezplus + (dexbeyplus + bexdeyplus) * cezplus +
-                            (bexceyplus + cexbeyplus) * dezplus) * alift +
-                           ((dexaeyplus + aexdeyplus) * cezplus + (aexceyplus + cexaeyplus) * dezplus +
-                            (cexdeyplus + dexceyplus) * aezplus) * blift +
-                           ((aexbeyplus + bexaeyplus) * dezplus + (bexdeyplus + dexbeyplus) * aezplus +
-                            (dexaeyplus + aexdeyplus) * bezplus) * clift +
-                           ((bexceyplus + cexbeyplus) * aezplus + (cexaeyplus + aexceyplus) * bezplus +
-                            (aexbeyplus + bexaeyplus) * cezplus) * dlift;
-  const double errbound = isperrboundA * permanent;
-  // Decided only when |det| exceeds the bound, as published. A query with
-  // the coordinates of a corner zeroes a row of the determinant, so det,
-  // permanent and errbound are all 0 and it lands here as undecided: by
-  // pointer it is that corner, otherwise insphereadapt classifies it.
-  if (!(det > errbound || -det > errbound)) {
-    if (pTet->getCorner(0) == pQ || pTet->getCorner(1) == pQ || pTet->getCorner(2) == pQ ||
-        pTet->getCorner(3) == pQ)
-      return SIC_CORNER;
-    det = static_cast<double>(insphereadapt(pa, pb, pc, pd, pe, permanent));
-  }
-  // A positively oriented Tet3 has a negative published orientation, so a
-  // negative published insphere determinant means strictly inside.
-  return det > 0.0 ? SIC_OUTSIDE : SIC_INSIDE;
+  permanent = ((cexdeyplus + dexceyplus) * bezplus + (dexbeyplus + bexdeyplus) * cezplus +
+               (bexceyplus + cexbeyplus) * dezplus) * alift +
+              ((dexaeyplus + aexdeyplus) * cezplus + (aexceyplus + cexaeyplus) * dezplus +
+               (cexdeyplus + dexceyplus) * aezplus) * blift +
+              ((aexbeyplus + bexaeyplus) * dezplus + (bexdeyplus + dexbeyplus) * aezplus +
+               (dexaeyplus + aexdeyplus) * bezplus) * clift +
+              ((bexceyplus + cexbeyplus) * aezplus + (cexaeyplus + aexceyplus) * bezplus +
+               (aexbeyplus + bexaeyplus) * cezplus) * dlift;
 }
+
+#if defined(__SSE2__)
+// The same determinant and permanent, two terms at a time. Every lane does
+// exactly the operations of insphereFilter in the same order, so the results
+// are the same bits; only IEEE commutativity (a+b == b+a, a*b == b*a) is
+// used to pair the terms.
+inline void ExactTest::insphereFilterSse2(const double* pa, const double* pb, const double* pc,
+                                          const double* pd, const double* pe, double& det,
+                                          double& permanent) {
+  const __m128d ex = _mm_set1_pd(pe[0]), ey = _mm_set1_pd(pe[1]), ez = _mm_set1_pd(pe[2]);
+  // Lanes (a,b) and (c,d) of the differences to e.
+  const __m128d xAB = _mm_sub_pd(_mm_set_pd(pb[0], pa[0]), ex);
+  const __m128d xCD = _mm_sub_pd(_mm_set_pd(pd[0], pc[0]), ex);
+  const __m128d yAB = _mm_sub_pd(_mm_set_pd(pb[1], pa[1]), ey);
+  const __m128d yCD = _mm_sub_pd(_mm_set_pd(pd[1], pc[1]), ey);
+  const __m128d zAB = _mm_sub_pd(_mm_set_pd(pb[2], pa[2]), ez);
+  const __m128d zCD = _mm_sub_pd(_mm_set_pd(pd[2], pc[2]), ez);
+  // Rotated lanes: (b,c) and (d,a).
+  const __m128d xBC = _mm_shuffle_pd(xAB, xCD, 1), xDA = _mm_shuffle_pd(xCD, xAB, 1);
+  const __m128d yBC = _mm_shuffle_pd(yAB, yCD, 1), yDA = _mm_shuffle_pd(yCD, yAB, 1);
+  const __m128d zBC = _mm_shuffle_pd(zAB, zCD, 1), zDA = _mm_shuffle_pd(zCD, zAB, 1);
+
+  // (aexbey, bexcey) - (bexaey, cexbey) = (ab, bc)
+  const __m128d p1 = _mm_mul_pd(xAB, yBC), q1 = _mm_mul_pd(xBC, yAB);
+  // (cexdey, dexaey) - (dexcey, aexdey) = (cd, da)
+  const __m128d p2 = _mm_mul_pd(xCD, yDA), q2 = _mm_mul_pd(xDA, yCD);
+  // (aexcey, bexdey) - (cexaey, dexbey) = (ac, bd)
+  const __m128d p3 = _mm_mul_pd(xAB, yCD), q3 = _mm_mul_pd(xCD, yAB);
+  const __m128d abBC = _mm_sub_pd(p1, q1), cdDA = _mm_sub_pd(p2, q2), acBD = _mm_sub_pd(p3, q3);
+  const __m128d bcCD = _mm_shuffle_pd(abBC, cdDA, 1); // (bc, cd)
+  const __m128d daAB = _mm_shuffle_pd(cdDA, abBC, 1); // (da, ab)
+
+  // (abc, bcd) = (aez,bez)*(bc,cd) - (bez,cez)*(ac,bd) + (cez,dez)*(ab,bc)
+  const __m128d abcBCD = _mm_add_pd(_mm_sub_pd(_mm_mul_pd(zAB, bcCD), _mm_mul_pd(zBC, acBD)),
+                                    _mm_mul_pd(zCD, abBC));
+  // (cda, dab) = (cez,dez)*(da,ab) + (dez,aez)*(ac,bd) + (aez,bez)*(cd,da)
+  const __m128d cdaDAB = _mm_add_pd(_mm_add_pd(_mm_mul_pd(zCD, daAB), _mm_mul_pd(zDA, acBD)),
+                                    _mm_mul_pd(zAB, cdDA));
+  // (alift, blift) and (clift, dlift)
+  const __m128d liftAB =
+      _mm_add_pd(_mm_add_pd(_mm_mul_pd(xAB, xAB), _mm_mul_pd(yAB, yAB)), _mm_mul_pd(zAB, zAB));
+  const __m128d liftCD =
+      _mm_add_pd(_mm_add_pd(_mm_mul_pd(xCD, xCD), _mm_mul_pd(yCD, yCD)), _mm_mul_pd(zCD, zCD));
+  // (dlift*abc - clift*dab, blift*cda - alift*bcd)
+  const __m128d halves =
+      _mm_sub_pd(_mm_mul_pd(_mm_unpackhi_pd(liftCD, liftAB), _mm_unpacklo_pd(abcBCD, cdaDAB)),
+                 _mm_mul_pd(_mm_unpacklo_pd(liftCD, liftAB), _mm_unpackhi_pd(cdaDAB, abcBCD)));
+  det = _mm_cvtsd_f64(halves) + _mm_cvtsd_f64(_mm_unpackhi_pd(halves, halves));
+
+  const __m128d absMask = _mm_castsi128_pd(_mm_set1_epi64x(0x7fffffffffffffffLL));
+  // (s_ab, s_bc), (s_cd, s_da), (s_ac, s_bd): sums of absolute products
+  const __m128d sAB = _mm_add_pd(_mm_and_pd(p1, absMask), _mm_and_pd(q1, absMask));
+  const __m128d sCD = _mm_add_pd(_mm_and_pd(p2, absMask), _mm_and_pd(q2, absMask));
+  const __m128d sAC = _mm_add_pd(_mm_and_pd(p3, absMask), _mm_and_pd(q3, absMask));
+  const __m128d zpAB = _mm_and_pd(zAB, absMask), zpCD = _mm_and_pd(zCD, absMask);
+  const __m128d zpBC = _mm_shuffle_pd(zpAB, zpCD, 1), zpDA = _mm_shuffle_pd(zpCD, zpAB, 1);
+  const __m128d sBDAC = _mm_shuffle_pd(sAC, sAC, 1);      // (s_bd, s_ac)
+  const __m128d sBCCD = _mm_shuffle_pd(sAB, sCD, 1);      // (s_bc, s_cd)
+  const __m128d sDAAB = _mm_shuffle_pd(sCD, sAB, 1);      // (s_da, s_ab)
+  // (A, B) = (s_cd,s_da)*(bez+,cez+) + (s_bd,s_ac)*(cez+,dez+) + (s_bc,s_cd)*(dez+,aez+)
+  const __m128d termAB = _mm_add_pd(_mm_add_pd(_mm_mul_pd(sCD, zpBC), _mm_mul_pd(sBDAC, zpCD)),
+                                    _mm_mul_pd(sBCCD, zpDA));
+  // (C, D) = (s_ab,s_bc)*(dez+,aez+) + (s_bd,s_ac)*(aez+,bez+) + (s_da,s_ab)*(bez+,cez+)
+  const __m128d termCD = _mm_add_pd(_mm_add_pd(_mm_mul_pd(sAB, zpDA), _mm_mul_pd(sBDAC, zpAB)),
+                                    _mm_mul_pd(sDAAB, zpBC));
+  const __m128d pAB = _mm_mul_pd(termAB, liftAB), pCD = _mm_mul_pd(termCD, liftCD);
+  permanent = ((_mm_cvtsd_f64(pAB) + _mm_cvtsd_f64(_mm_unpackhi_pd(pAB, pAB))) + _mm_cvtsd_f64(pCD)) +
+              _mm_cvtsd_f64(_mm_unpackhi_pd(pCD, pCD));
+}
+#endif
 
 } // namespace VELM3D
