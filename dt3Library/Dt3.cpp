@@ -342,6 +342,8 @@ Tet3* Dt3::insertVertex(Point3*& pVtx, Tet3* pCurTet) {
   while (!vStack.empty()) {
     Tet3* pCavTet = vStack.back();
     vStack.pop_back();
+    // The neighbours are read next; ask for all four at once.
+    for (int i = 0; i < 4; ++i) __builtin_prefetch(pCavTet->getOppTet(i));
     for (int ith = 3; ith >= 0; --ith) {
       Tet3* pOppTet = pCavTet->getOppTet(ith);
       if (pOppTet != nullptr) {

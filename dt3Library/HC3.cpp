@@ -35,7 +35,8 @@ const int HC3::nextS[8][12] = {
 HC3::HC3(unsigned int numBits_)
     : spareExtent(-1.0), level(0), numBits(numBits_), pMinX(&bbox.minX), pMinY(&bbox.minY),
       pMinZ(&bbox.minZ), pMaxX(&bbox.maxX), pMaxY(&bbox.maxY), pMaxZ(&bbox.maxZ), lenX(-1.0),
-      lenY(-1.0), lenZ(-1.0), bConfigured(false) {
+      lenY(-1.0), lenZ(-1.0), bConfigured(false),
+      sVertices(Func_ltIdxVtxPtr(), SetNodeAllocator<IdxVtx*>(&setNodeArena)) {
   pointPool.init(4, -1);
   idxVtxPool.init(4, -1);
   if (numBits > 32 || numBits % 3 != 0) {

@@ -16,6 +16,8 @@
 // last reconfig; a stored vertex never moves and is never removed.
 #pragma once
 
+#include <cstdlib>
+#include <new>
 #include <set>
 #include <utility>
 #include <vector>
@@ -46,6 +48,71 @@ struct Func_ltIdxVtxPtr {
 
 extern double sumDist;
 
+// Hands out the nodes of the store's ordered set from large blocks instead of
+// one heap allocation each, and keeps returned nodes for reuse (reconfig
+// empties and refills the set). All nodes of one set have one size.
+class SetNodeArena {
+public:
+  SetNodeArena() : pFree(nullptr), pCur(nullptr), numLeft(0), nodeSize(0) {}
+  ~SetNodeArena() {
+    for (void* pBlock : vBlocks) free(pBlock);
+  }
+  SetNodeArena(const SetNodeArena&) = delete;
+  SetNodeArena& operator=(const SetNodeArena&) = delete;
+
+  void* allocate(size_t bytes) {
+    if (pFree != nullptr) {
+      void* p = pFree;
+      pFree = *static_cast<void**>(p);
+      return p;
+    }
+    if (numLeft == 0) {
+      nodeSize = bytes < sizeof(void*) ? sizeof(void*) : bytes;
+      const size_t numNodes = vBlocks.empty() ? 256 : 65536;
+      pCur = static_cast<char*>(malloc(numNodes * nodeSize));
+      if (pCur == nullptr) throw std::bad_alloc();
+      vBlocks.push_back(pCur);
+      numLeft = numNodes;
+    }
+    void* p = pCur;
+    pCur += nodeSize;
+    --numLeft;
+    return p;
+  }
+  void deallocate(void* p) {
+    *static_cast<void**>(p) = pFree;
+    pFree = p;
+  }
+
+private:
+  std::vector<void*> vBlocks;
+  void* pFree;
+  char* pCur;
+  size_t numLeft;
+  size_t nodeSize;
+};
+
+template <class T> class SetNodeAllocator {
+public:
+  typedef T value_type;
+  explicit SetNodeAllocator(SetNodeArena* pArena_) : pArena(pArena_) {}
+  template <class U> SetNodeAllocator(const SetNodeAllocator<U>& other) : pArena(other.pArena) {}
+  T* allocate(size_t n) {
+    if (n != 1) return static_cast<T*>(::operator new(n * sizeof(T)));
+    return static_cast<T*>(pArena->allocate(sizeof(T)));
+  }
+  void deallocate(T* p, size_t n) {
+    if (n != 1)
+      ::operator delete(p);
+    else
+      pArena->deallocate(p);
+  }
+  template <class U> bool operator==(const SetNodeAllocator<U>& other) const { return pArena == other.pArena; }
+  template <class U> bool operator!=(const SetNodeAllocator<U>& other) const { return pArena != other.pArena; }
+
+  SetNodeArena* pArena;
+};
+
 class HC3 {
 public:
   explicit HC3(unsigned int numBits);
@@ -71,7 +138,7 @@ public:
   static const int nextS[8][12];
 
 private:
-  typedef std::set<IdxVtx*, Func_ltIdxVtxPtr> VertexSet;
+  typedef std::set<IdxVtx*, Func_ltIdxVtxPtr, SetNodeAllocator<IdxVtx*>> VertexSet;
 
   void enlarge(double factor);
 
@@ -90,6 +157,7 @@ private:
   BRIX_TOOLS::SimplePool<Point3> pointPool;
   BRIX_TOOLS::SimplePool<IdxVtx> idxVtxPool;
   std::vector<void*> vSpare;
+  SetNodeArena setNodeArena;
   VertexSet sVertices;
 
   static bool bFirstEnlarge;
