@@ -1139,45 +1139,8 @@ unsigned int ExactTest::insphereadapt(double* pa, double* pb, double* pc, double
 }
 
 double ExactTest::insphere(double* pa, double* pb, double* pc, double* pd, double* pe) const {
-  const double aex = pa[0] - pe[0], bex = pb[0] - pe[0], cex = pc[0] - pe[0], dex = pd[0] - pe[0];
-  const double aey = pa[1] - pe[1], bey = pb[1] - pe[1], cey = pc[1] - pe[1], dey = pd[1] - pe[1];
-  const double aez = pa[2] - pe[2], bez = pb[2] - pe[2], cez = pc[2] - pe[2], dez = pd[2] - pe[2];
-
-  const double aexbey = aex * bey, bexaey = bex * aey, ab = aexbey - bexaey;
-  const double bexcey = bex * cey, cexbey = cex * bey, bc = bexcey - cexbey;
-  const double cexdey = cex * dey, dexcey = dex * cey, cd = cexdey - dexcey;
-  const double dexaey = dex * aey, aexdey = aex * dey, da = dexaey - aexdey;
-  const double aexcey = aex * cey, cexaey = cex * aey, ac = aexcey - cexaey;
-  const double bexdey = bex * dey, dexbey = dex * bey, bd = bexdey - dexbey;
-
-  const double abc = aez * bc - bez * ac + cez * ab;
-  const double bcd = bez * cd - cez * bd + dez * bc;
-  const double cda = cez * da + dez * ac + aez * cd;
-  const double dab = dez * ab + aez * bd + bez * da;
-
-  const double alift = aex * aex + aey * aey + aez * aez;
-  const double blift = bex * bex + bey * bey + bez * bez;
-  const double clift = cex * cex + cey * cey + cez * cez;
-  const double dlift = dex * dex + dey * dey + dez * dez;
-
-  const double det = (dlift * abc - clift * dab) + (blift * cda - alift * bcd);
-
-  const double aezplus = std::fabs(aez), bezplus = std::fabs(bez);
-  const double cezplus = std::fabs(cez), dezplus = std::fabs(dez);
-  const double aexbeyplus = std::fabs(aexbey), bexaeyplus = std::fabs(bexaey);
-  const double bexceyplus = std::fabs(bexcey), cexbeyplus = std::fabs(cexbey);
-  const double cexdeyplus = std::fabs(cexdey), dexceyplus = std::fabs(dexcey);
-  const double dexaeyplus = std::fabs(dexaey), aexdeyplus = std::fabs(aexdey);
-  const double aexceyplus = std::fabs(aexcey), cexaeyplus = std::fabs(cexaey);
-  const double bexdeyplus = std::fabs(bexdey), dexbeyplus = std::fabs(dexbey);
-  const double permanent = ((cexdeyplus + dexceyplus) * bezplus + (dexbeyplus + bexdeyplus) * cezplus +
-                            (bexceyplus + cexbeyplus) * dezplus) * alift +
-                           ((dexaeyplus + aexdeyplus) * cezplus + (aexceyplus + cexaeyplus) * dezplus +
-                            (cexdeyplus + dexceyplus) * aezplus) * blift +
-                           ((aexbeyplus + bexaeyplus) * dezplus + (bexdeyplus + dexbeyplus) * aezplus +
-                            (dexaeyplus + aexdeyplus) * bezplus) * clift +
-                           ((bexceyplus + cexbeyplus) * aezplus + (cexaeyplus + aexceyplus) * bezplus +
-                            (aexbeyplus + bexaeyplus) * cezplus) * dlift;
+  double det, permanent;
+  insphereFilter(pa, pb, pc, pd, pe, det, permanent);
   const double errbound = isperrboundA * permanent;
   if ((det > errbound) || (-det > errbound)) return det;
   // The adaptive path answers a class (1, 0 or 2), not a signed value.

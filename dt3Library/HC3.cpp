@@ -89,11 +89,13 @@ void HC3::reconfig() {
   bConfigured = true;
 }
 
-// Widens each axis at both ends by (extent * factor) and re-keys the store.
-void HC3::enlarge(double factor) {
-  const double mx = (bbox.maxX - bbox.minX) * factor;
-  const double my = (bbox.maxY - bbox.minY) * factor;
-  const double mz = (bbox.maxZ - bbox.minZ) * factor;
+// Widens each axis at both ends by (extent * factor) * secondFactor and
+// re-keys the store. The second factor is 1 (an exact no-op) except for the
+// small margin of the first bulk insertion of the process.
+void HC3::enlarge(double factor, double secondFactor) {
+  const double mx = ((bbox.maxX - bbox.minX) * factor) * secondFactor;
+  const double my = ((bbox.maxY - bbox.minY) * factor) * secondFactor;
+  const double mz = ((bbox.maxZ - bbox.minZ) * factor) * secondFactor;
   bbox.minX -= mx;
   bbox.maxX += mx;
   bbox.minY -= my;
@@ -107,22 +109,12 @@ void HC3::addPoints(std::vector<Point3>& vPoints, std::vector<Point3*>& vUserHan
                     std::vector<Point3*>& vNewVertices) {
   VELM_ASSERT(vUserHandles.empty());
   if (bbox.add(vPoints)) {
+    // The first bulk insertion of the process gets a small margin.
     if (!bFirstEnlarge) {
-      // The first bulk insertion of the process gets a small margin:
-      // ((upper - lower) * 0.1) * 0.5 at each end.
       bFirstEnlarge = true;
-      const double mx = ((bbox.maxX - bbox.minX) * 0.1) * 0.5;
-      const double my = ((bbox.maxY - bbox.minY) * 0.1) * 0.5;
-      const double mz = ((bbox.maxZ - bbox.minZ) * 0.1) * 0.5;
-      bbox.minX -= mx;
-      bbox.maxX += mx;
-      bbox.minY -= my;
-      bbox.maxY += my;
-      bbox.minZ -= mz;
-      bbox.maxZ += mz;
-      reconfig();
+      enlarge(0.1, 0.5);
     } else {
-      enlarge(0.5);
+      enlarge(0.5, 1.0);
     }
   }
   const size_t n = vPoints.size();
@@ -155,7 +147,7 @@ void HC3::addPoints(std::vector<Point3>& vPoints, std::vector<Point3*>& vUserHan
 }
 
 std::pair<Point3*, Tet3*> HC3::addPoint(Point3& p) {
-  if (bbox.add(p)) enlarge(0.5);
+  if (bbox.add(p)) enlarge(0.5, 1.0);
   IdxVtx* pIv = idxVtxPool.nextObject();
   pIv->idx = iReset(p);
   pIv->pVtx = &p;

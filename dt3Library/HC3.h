@@ -140,7 +140,7 @@ public:
 private:
   typedef std::set<IdxVtx*, Func_ltIdxVtxPtr, SetNodeAllocator<IdxVtx*>> VertexSet;
 
-  void enlarge(double factor);
+  void enlarge(double factor, double secondFactor);
 
   Bbox3 bbox;
   [[maybe_unused]] double spareExtent;
