@@ -7,7 +7,9 @@
 // dooms a tetrahedron, and ends with the registry empty again.
 #include "Dt3.h"
 
+#include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <iostream>
 #include <set>
 #include <unordered_set>
@@ -653,6 +655,71 @@ Tet3* Dt3::glueTetsToBackSidesOfDoomedOnes(std::vector<Tet3*>& vDoomedTets, Poin
 // their results in ascending address order, except getIncidentTetrahera,
 // which gives discovery order.
 
+namespace {
+
+// The visited set of a walk over all tetrahedra: one bit per record of the
+// tetrahedron pool, the blocks in address order, so that reading the set
+// back gives ascending addresses without a sort. A record from anywhere
+// else (not expected) goes to a plain hash set.
+class TetRecordSet {
+public:
+  TetRecordSet(const std::vector<Tet3*>& vBlockStarts, const std::vector<int>& vBlockSizes) {
+    for (size_t i = 0; i < vBlockStarts.size(); ++i) vBlocks.push_back({vBlockStarts[i], vBlockSizes[i], 0});
+    std::sort(vBlocks.begin(), vBlocks.end(),
+              [](const Block& a, const Block& b) { return a.pStart < b.pStart; });
+    size_t numRecords = 0;
+    for (Block& block : vBlocks) {
+      block.firstBit = numRecords;
+      numRecords += static_cast<size_t>(block.size);
+    }
+    vBits.assign((numRecords + 63) / 64, 0);
+  }
+
+  // Adds pTet; false if it was there already.
+  bool insert(Tet3* pTet) {
+    auto it = std::upper_bound(vBlocks.begin(), vBlocks.end(), pTet,
+                               [](const Tet3* p, const Block& b) { return p < b.pStart; });
+    if (it != vBlocks.begin()) {
+      const Block& block = *(it - 1);
+      if (pTet < block.pStart + block.size) {
+        const size_t bit = block.firstBit + static_cast<size_t>(pTet - block.pStart);
+        const uint64_t mask = uint64_t(1) << (bit & 63);
+        if (vBits[bit >> 6] & mask) return false;
+        vBits[bit >> 6] |= mask;
+        return true;
+      }
+    }
+    return sForeign.insert(pTet).second;
+  }
+
+  // Appends the set in ascending address order.
+  void appendTo(std::vector<Tet3*>& vTet) const {
+    const size_t first = vTet.size();
+    for (const Block& block : vBlocks) {
+      for (int i = 0; i < block.size; ++i) {
+        const size_t bit = block.firstBit + static_cast<size_t>(i);
+        if (vBits[bit >> 6] & (uint64_t(1) << (bit & 63))) vTet.push_back(block.pStart + i);
+      }
+    }
+    if (!sForeign.empty()) {
+      vTet.insert(vTet.end(), sForeign.begin(), sForeign.end());
+      std::sort(vTet.begin() + static_cast<long>(first), vTet.end());
+    }
+  }
+
+private:
+  struct Block {
+    Tet3* pStart;
+    int size;
+    size_t firstBit;
+  };
+  std::vector<Block> vBlocks;
+  std::vector<uint64_t> vBits;
+  std::unordered_set<Tet3*> sForeign;
+};
+
+} // namespace
+
 void Dt3::getAllTetrahedra(std::vector<Tet3*>& vTet) {
   VELM_ASSERT(vTet.empty());
   std::vector<Point3*> vVertices;
@@ -669,24 +736,20 @@ void Dt3::getAllTetrahedra(std::vector<Tet3*>& vTet) {
     std::cout << "Dt3::getAllTetrahedra(), oneTet==NULL" << std::endl;
     return;
   }
-  std::unordered_set<Tet3*> sSeen;
+  TetRecordSet sSeen(poolTet.getBlocks(), poolTet.getBlockSizes());
   std::vector<Tet3*> vWork;
   vWork.push_back(pSeed);
   sSeen.insert(pSeed);
-  vTet.push_back(pSeed);
   while (!vWork.empty()) {
     Tet3* pCurrentTet = vWork.back();
     vWork.pop_back();
     VELM_ASSERT(pCurrentTet!=NULL);
     for (int i = 0; i < 4; ++i) {
       Tet3* pOpp = pCurrentTet->getOppTet(i);
-      if (pOpp != nullptr && sSeen.insert(pOpp).second) {
-        vWork.push_back(pOpp);
-        vTet.push_back(pOpp);
-      }
+      if (pOpp != nullptr && sSeen.insert(pOpp)) vWork.push_back(pOpp);
     }
   }
-  std::sort(vTet.begin(), vTet.end());
+  sSeen.appendTo(vTet);
 }
 
 void Dt3::getTetsAroundVertex(Point3* pVtx, std::vector<Tet3*>& vTet) {

@@ -90,7 +90,8 @@ public:
     pCurBlock = vBlocks[0];
   }
 
-  // Inspection, for tests and statistics.
+  // Inspection, for tests, statistics and walks over the records.
+  const std::vector<T*>& getBlocks() const { return vBlocks; }
   const std::vector<int>& getBlockSizes() const { return vBlockSizes; }
   size_t getNumBlocks() const { return vBlocks.size(); }
   int getMaxBlockSize() const { return maxBlockSize; }
