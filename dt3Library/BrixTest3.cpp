@@ -937,24 +937,10 @@ double ExactTest::orient3d(double* pa, double* pb, double* pc, double* pd) const
 // The sphere test.
 
 double inspherefast(double* pa, double* pb, double* pc, double* pd, double* pe) {
-  const double aex = pa[0] - pe[0], bex = pb[0] - pe[0], cex = pc[0] - pe[0], dex = pd[0] - pe[0];
-  const double aey = pa[1] - pe[1], bey = pb[1] - pe[1], cey = pc[1] - pe[1], dey = pd[1] - pe[1];
-  const double aez = pa[2] - pe[2], bez = pb[2] - pe[2], cez = pc[2] - pe[2], dez = pd[2] - pe[2];
-  const double ab = aex * bey - bex * aey;
-  const double bc = bex * cey - cex * bey;
-  const double cd = cex * dey - dex * cey;
-  const double da = dex * aey - aex * dey;
-  const double ac = aex * cey - cex * aey;
-  const double bd = bex * dey - dex * bey;
-  const double abc = aez * bc - bez * ac + cez * ab;
-  const double bcd = bez * cd - cez * bd + dez * bc;
-  const double cda = cez * da + dez * ac + aez * cd;
-  const double dab = dez * ab + aez * bd + bez * da;
-  const double alift = aex * aex + aey * aey + aez * aez;
-  const double blift = bex * bex + bey * bey + bez * bez;
-  const double clift = cex * cex + cey * cey + cez * cez;
-  const double dlift = dex * dex + dey * dey + dez * dez;
-  return (dlift * abc - clift * dab) + (blift * cda - alift * bcd);
+  // The filter's determinant is the plain one; its permanent is not needed.
+  double det, permanent;
+  ExactTest::insphereFilter(pa, pb, pc, pd, pe, det, permanent);
+  return det;
 }
 
 namespace {
