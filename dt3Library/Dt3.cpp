@@ -154,8 +154,8 @@ Point3* Dt3::insert(Point3& p) {
   }
   Tet3* pFirstTet = createInitialTet();
   if (pFirstTet != nullptr && hc3.getNumStoredVtx() >= 5) {
-    // Deliberately empty: the other stored vertices wait outside the mesh
-    // until a later insertion brings them in.
+    // Deliberately empty: the other stored vertices stay outside the mesh,
+    // since later insertions triangulate only the vertices they add.
     std::vector<Point3*> vNone;
     triangulate(vNone, pFirstTet);
   }
