@@ -918,16 +918,8 @@ double ExactTest::orient3dadapt(double* pa, double* pb, double* pc, double* pd,
 }
 
 double ExactTest::orient3d(double* pa, double* pb, double* pc, double* pd) const {
-  const double adx = pa[0] - pd[0], bdx = pb[0] - pd[0], cdx = pc[0] - pd[0];
-  const double ady = pa[1] - pd[1], bdy = pb[1] - pd[1], cdy = pc[1] - pd[1];
-  const double adz = pa[2] - pd[2], bdz = pb[2] - pd[2], cdz = pc[2] - pd[2];
-  const double bdxcdy = bdx * cdy, cdxbdy = cdx * bdy;
-  const double cdxady = cdx * ady, adxcdy = adx * cdy;
-  const double adxbdy = adx * bdy, bdxady = bdx * ady;
-  const double det = adz * (bdxcdy - cdxbdy) + bdz * (cdxady - adxcdy) + cdz * (adxbdy - bdxady);
-  const double permanent = (std::fabs(bdxcdy) + std::fabs(cdxbdy)) * std::fabs(adz) +
-                           (std::fabs(cdxady) + std::fabs(adxcdy)) * std::fabs(bdz) +
-                           (std::fabs(adxbdy) + std::fabs(bdxady)) * std::fabs(cdz);
+  double det, permanent;
+  orient3dFilter(pa, pb, pc, pd, det, permanent);
   const double errbound = o3derrboundA * permanent;
   if ((det > errbound) || (-det > errbound)) return det;
   return orient3dadapt(pa, pb, pc, pd, permanent);

@@ -293,6 +293,9 @@ public:
   // Whether pQ lies strictly inside the circumsphere of pTet.
   inline SphereInclusion sphereInclusionTest(Tet3* pTet, const Point3* pQ) const;
 
+  // The determinant and permanent of the orientation filter.
+  static inline void orient3dFilter(const double* pa, const double* pb, const double* pc,
+                                    const double* pd, double& det, double& permanent);
   // The determinant and permanent of the sphere test's filter; the SSE2
   // form computes the same bits two terms at a time.
   static inline void insphereFilter(const double* pa, const double* pb, const double* pc,
@@ -356,6 +359,21 @@ double incirclefast(double* pa, double* pb, double* pc, double* pd);
 // The filters. They stand in the header so that the insertion's hot loops
 // inline them; only the undecided cases leave for the adaptive stages.
 
+// The published orient3d determinant and its permanent, in double.
+inline void ExactTest::orient3dFilter(const double* pa, const double* pb, const double* pc,
+                                      const double* pd, double& det, double& permanent) {
+  const double adx = pa[0] - pd[0], bdx = pb[0] - pd[0], cdx = pc[0] - pd[0];
+  const double ady = pa[1] - pd[1], bdy = pb[1] - pd[1], cdy = pc[1] - pd[1];
+  const double adz = pa[2] - pd[2], bdz = pb[2] - pd[2], cdz = pc[2] - pd[2];
+  const double bdxcdy = bdx * cdy, cdxbdy = cdx * bdy;
+  const double cdxady = cdx * ady, adxcdy = adx * cdy;
+  const double adxbdy = adx * bdy, bdxady = bdx * ady;
+  det = adz * (bdxcdy - cdxbdy) + bdz * (cdxady - adxcdy) + cdz * (adxbdy - bdxady);
+  permanent = (std::fabs(bdxcdy) + std::fabs(cdxbdy)) * std::fabs(adz) +
+              (std::fabs(cdxady) + std::fabs(adxcdy)) * std::fabs(bdz) +
+              (std::fabs(adxbdy) + std::fabs(bdxady)) * std::fabs(cdz);
+}
+
 inline Orientation3 ExactTest::getOrientation3(const Point3* a, const Point3* b, const Point3* c,
                                                const Point3* d) const {
   double pa[3], pb[3], pc[3], pd[3];
@@ -364,16 +382,8 @@ inline Orientation3 ExactTest::getOrientation3(const Point3* a, const Point3* b,
   c->xyz(pc[0], pc[1], pc[2]);
   d->xyz(pd[0], pd[1], pd[2]);
 
-  const double adx = pa[0] - pd[0], bdx = pb[0] - pd[0], cdx = pc[0] - pd[0];
-  const double ady = pa[1] - pd[1], bdy = pb[1] - pd[1], cdy = pc[1] - pd[1];
-  const double adz = pa[2] - pd[2], bdz = pb[2] - pd[2], cdz = pc[2] - pd[2];
-  const double bdxcdy = bdx * cdy, cdxbdy = cdx * bdy;
-  const double cdxady = cdx * ady, adxcdy = adx * cdy;
-  const double adxbdy = adx * bdy, bdxady = bdx * ady;
-  double det = adz * (bdxcdy - cdxbdy) + bdz * (cdxady - adxcdy) + cdz * (adxbdy - bdxady);
-  const double permanent = (std::fabs(bdxcdy) + std::fabs(cdxbdy)) * std::fabs(adz) +
-                           (std::fabs(cdxady) + std::fabs(adxcdy)) * std::fabs(bdz) +
-                           (std::fabs(adxbdy) + std::fabs(bdxady)) * std::fabs(cdz);
+  double det, permanent;
+  orient3dFilter(pa, pb, pc, pd, det, permanent);
   const double errbound = o3derrboundA * permanent;
   if (errbound > det && errbound > -det) det = orient3dadapt(pa, pb, pc, pd, permanent);
   // The published determinant is negative when d sees a, b, c counterclockwise.
