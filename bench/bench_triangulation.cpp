@@ -1,9 +1,12 @@
 // bench_triangulation: construction time and memory of a 3D Delaunay
-// triangulation, libvelm3d against CGAL's Delaunay_triangulation_3.
+// triangulation, libvelm3d against CGAL's Delaunay_triangulation_3 and
+// TetGen's Delaunay tetrahedralisation.
 //
-// The input is either N seeded uniform random points in the unit cube, a
-// K x K x K integer grid, or the points of an XYZ file. Both implementations
-// get the same coordinates. Each run happens in a forked child, so that every
+// The input is one of: N seeded uniform random points in the unit cube, a
+// K x K x K integer grid, N uniform random points on the unit sphere (double
+// coordinates, so nearly but not exactly cospherical), N points of which 10%
+// are exact copies of others, or the points of an XYZ file. All
+// implementations get the same coordinates, and they take turns run by run. Each run happens in a forked child, so that every
 // run starts from the same heap and its peak resident set size (VmHWM) belongs
 // to that run alone. The child resets VmHWM just before it makes the
 // triangulation object (through /proc/self/clear_refs) and reports:
@@ -13,9 +16,17 @@
 // With --repeat R every figure is the median of R runs.
 //
 // Usage:
-//   bench_triangulation [--points N] [--seed S] [--grid K] [--xyz FILE]
-//                       [--repeat R] [--check] [--no-cgal] [--no-velm]
-//                       [--no-fork] [--no-count]
+//   bench_triangulation [--points N] [--seed S] [--grid K] [--sphere N]
+//                       [--dups N] [--xyz FILE] [--repeat R] [--check]
+//                       [--no-cgal] [--no-velm] [--tetgen|--no-tetgen]
+//                       [--no-fork] [--no-count] [--csv FILE] [--label NAME]
+// --csv appends one line per implementation to FILE (a header line first if
+// the file is new): label, N, implementation, median wall and CPU seconds,
+// time ratio to CGAL, peak RSS, its growth during construction, bytes per
+// point, cells, runs, validity check and the load average at start.
+// TetGen is timed around tetrahedralize() with switches "QNF": quiet, and
+// neither nodes nor hull faces copied out; the tetrahedra are, so its time
+// and memory include that list (16 bytes per tetrahedron).
 // --no-fork runs each implementation once in this process (for profilers);
 // memory figures are then not separated per implementation. --no-count skips
 // reading the tetrahedra back, so that a profile of the whole process shows
@@ -27,6 +38,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -46,6 +58,11 @@
 #include <CGAL/Exact_predicates_inexact_constructions_kernel.h>
 #endif
 
+#ifdef VELM3D_BENCH_WITH_TETGEN
+#define TETLIBRARY
+#include <tetgen.h>
+#endif
+
 namespace {
 
 using VELM3D::Point3;
@@ -61,11 +78,16 @@ struct Options {
   unsigned long numPoints = 1000000;
   unsigned int seed = 42;
   int grid = 0;
+  unsigned long numSphere = 0;
+  unsigned long numDups = 0;
   std::string xyzFile;
+  std::string csvFile;
+  std::string label;
   int repeat = 1;
   bool bCheck = false;
   bool bCgal = true;
   bool bVelm = true;
+  bool bTetgen = true;
   bool bFork = true;
   bool bCount = true;
 };
@@ -185,6 +207,41 @@ RunResult runCgal(const std::vector<Point3>& vInput, bool bCheck) {
 }
 #endif
 
+#ifdef VELM3D_BENCH_WITH_TETGEN
+RunResult runTetgen(const std::vector<Point3>& vInput) {
+  RunResult r;
+  tetgenio in;
+  tetgenio out;
+  in.firstnumber = 0;
+  in.numberofpoints = static_cast<int>(vInput.size());
+  in.pointlist = new REAL[3 * vInput.size()];
+  for (size_t i = 0; i < vInput.size(); ++i) {
+    in.pointlist[3 * i] = vInput[i].x();
+    in.pointlist[3 * i + 1] = vInput[i].y();
+    in.pointlist[3 * i + 2] = vInput[i].z();
+  }
+  r.rssBeforeKB = readStatusKB("VmRSS");
+  resetPeakRss();
+  char switches[] = "QNF";
+
+  double c0 = cpuSeconds();
+  double t0 = nowSeconds();
+  try {
+    tetrahedralize(switches, &in, &out);
+  } catch (...) {
+    // TetGen built as a library throws its error code.
+    return r;
+  }
+  double t1 = nowSeconds();
+  r.cpuSeconds = cpuSeconds() - c0;
+  r.seconds = t1 - t0;
+  r.hwmKB = readStatusKB("VmHWM");
+  r.numCells = out.numberoftetrahedra;
+  r.ok = 1;
+  return r;
+}
+#endif
+
 // Runs fn in a forked child and brings its result back through a pipe.
 template <class Fn>
 RunResult runForked(Fn fn) {
@@ -294,6 +351,11 @@ void printSummary(const char* name, const char* cellWord, const Summary& s, size
   }
 }
 
+const char* const usageText =
+    " [--points N] [--seed S] [--grid K] [--sphere N] [--dups N] [--xyz FILE] [--repeat R]"
+    " [--check] [--no-cgal] [--no-velm] [--tetgen|--no-tetgen] [--no-fork] [--no-count]"
+    " [--csv FILE] [--label NAME]\n";
+
 bool parseOptions(int argc, char** argv, Options& opt) {
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
@@ -307,21 +369,96 @@ bool parseOptions(int argc, char** argv, Options& opt) {
     if (a == "--points") opt.numPoints = std::strtoul(value("a count"), nullptr, 10);
     else if (a == "--seed") opt.seed = static_cast<unsigned int>(std::strtoul(value("a seed"), nullptr, 10));
     else if (a == "--grid") opt.grid = std::atoi(value("K"));
+    else if (a == "--sphere") opt.numSphere = std::strtoul(value("a count"), nullptr, 10);
+    else if (a == "--dups") opt.numDups = std::strtoul(value("a count"), nullptr, 10);
     else if (a == "--xyz") opt.xyzFile = value("a file name");
     else if (a == "--repeat") opt.repeat = std::max(1, std::atoi(value("a count")));
     else if (a == "--check") opt.bCheck = true;
     else if (a == "--no-cgal") opt.bCgal = false;
     else if (a == "--no-velm") opt.bVelm = false;
+    else if (a == "--tetgen") opt.bTetgen = true;
+    else if (a == "--no-tetgen") opt.bTetgen = false;
     else if (a == "--no-fork") opt.bFork = false;
     else if (a == "--no-count") opt.bCount = false;
+    else if (a == "--csv") opt.csvFile = value("a file name");
+    else if (a == "--label") opt.label = value("a name");
     else {
-      std::cerr << "usage: " << argv[0]
-                << " [--points N] [--seed S] [--grid K] [--xyz FILE] [--repeat R] [--check]"
-                   " [--no-cgal] [--no-velm] [--no-fork] [--no-count]\n";
+      std::cerr << "usage: " << argv[0] << usageText;
       return false;
     }
   }
   return true;
+}
+
+// Uniform random points in the unit cube.
+void makeUniform(unsigned long n, unsigned int seed, std::vector<Point3>& vPoints) {
+  std::mt19937_64 gen(seed);
+  std::uniform_real_distribution<double> dist(0.0, 1.0);
+  vPoints.reserve(vPoints.size() + n);
+  for (unsigned long i = 0; i < n; ++i) {
+    double x = dist(gen);
+    double y = dist(gen);
+    double z = dist(gen);
+    vPoints.emplace_back(x, y, z);
+  }
+}
+
+// Uniform random points on the unit sphere: normalised Gaussian vectors. The
+// rounded coordinates lie off the sphere by a few ulps, so the set is nearly
+// but not exactly cospherical.
+void makeSphere(unsigned long n, unsigned int seed, std::vector<Point3>& vPoints) {
+  std::mt19937_64 gen(seed);
+  std::normal_distribution<double> dist(0.0, 1.0);
+  vPoints.reserve(n);
+  while (vPoints.size() < n) {
+    double x = dist(gen);
+    double y = dist(gen);
+    double z = dist(gen);
+    double len = std::sqrt(x * x + y * y + z * z);
+    if (len < 1e-6) continue;
+    vPoints.emplace_back(x / len, y / len, z / len);
+  }
+}
+
+// n points: 90% distinct uniform random points and 10% exact copies of
+// randomly chosen ones among them, all in random order.
+void makeWithDuplicates(unsigned long n, unsigned int seed, std::vector<Point3>& vPoints) {
+  unsigned long numDistinct = n - n / 10;
+  makeUniform(numDistinct, seed, vPoints);
+  std::mt19937_64 gen(seed + 1);
+  std::uniform_int_distribution<unsigned long> pick(0, numDistinct - 1);
+  for (unsigned long i = numDistinct; i < n; ++i) {
+    const Point3& p = vPoints[pick(gen)];
+    vPoints.emplace_back(p.x(), p.y(), p.z());
+  }
+  std::shuffle(vPoints.begin(), vPoints.end(), gen);
+}
+
+// One CSV line per implementation; a header first when the file is new.
+void appendCsv(const Options& opt, const std::string& label, size_t numPoints, const char* name,
+               const Summary& s, const Summary& cgal, double load) {
+  if (!s.ok) return;
+  bool bNew = false;
+  {
+    std::ifstream probe(opt.csvFile);
+    bNew = !probe.good() || probe.peek() == std::ifstream::traits_type::eof();
+  }
+  std::ofstream out(opt.csvFile, std::ios::app);
+  if (!out) {
+    std::cerr << "cannot append to " << opt.csvFile << "\n";
+    return;
+  }
+  if (bNew)
+    out << "set,n,implementation,median_s,cpu_s,ratio_to_cgal,peak_rss_mib,growth_mib,"
+           "bytes_per_point,cells,runs,check,load\n";
+  out << std::fixed << label << "," << numPoints << "," << name << "," << std::setprecision(4)
+      << s.seconds << "," << s.cpu << ",";
+  if (cgal.ok && cgal.seconds > 0) out << std::setprecision(3) << s.seconds / cgal.seconds;
+  out << "," << std::setprecision(1) << s.hwmKB / 1024.0 << "," << s.growthKB() / 1024.0 << ","
+      << std::setprecision(0) << s.growthKB() * 1024.0 / static_cast<double>(numPoints) << ","
+      << s.numCells << "," << s.vSeconds.size() << ","
+      << (s.checkResult < 0 ? "" : (s.checkResult ? "passed" : "FAILED")) << ","
+      << std::setprecision(2) << load << "\n";
 }
 
 } // namespace
@@ -332,12 +469,14 @@ int main(int argc, char** argv) {
 
   std::vector<Point3> vPoints;
   std::string what;
+  std::string label;
   if (!opt.xyzFile.empty()) {
     if (!VELM3D::readXYZ(opt.xyzFile.c_str(), vPoints)) {
       std::cerr << "cannot read " << opt.xyzFile << "\n";
       return 1;
     }
     what = "points of " + opt.xyzFile;
+    label = "file";
   } else if (opt.grid > 0) {
     int k = opt.grid;
     vPoints.reserve(static_cast<size_t>(k) * k * k);
@@ -345,18 +484,21 @@ int main(int argc, char** argv) {
       for (int j = 0; j < k; ++j)
         for (int l = 0; l < k; ++l) vPoints.emplace_back(i, j, l);
     what = "integer grid " + std::to_string(k) + "^3";
+    label = "grid " + std::to_string(k) + "^3";
+  } else if (opt.numSphere > 0) {
+    makeSphere(opt.numSphere, opt.seed, vPoints);
+    what = "uniform random on the unit sphere, seed " + std::to_string(opt.seed);
+    label = "sphere";
+  } else if (opt.numDups > 0) {
+    makeWithDuplicates(opt.numDups, opt.seed, vPoints);
+    what = "uniform random with 10% exact duplicates, seed " + std::to_string(opt.seed);
+    label = "duplicates";
   } else {
-    std::mt19937_64 gen(opt.seed);
-    std::uniform_real_distribution<double> dist(0.0, 1.0);
-    vPoints.reserve(opt.numPoints);
-    for (unsigned long i = 0; i < opt.numPoints; ++i) {
-      double x = dist(gen);
-      double y = dist(gen);
-      double z = dist(gen);
-      vPoints.emplace_back(x, y, z);
-    }
+    makeUniform(opt.numPoints, opt.seed, vPoints);
     what = "uniform random in [0,1)^3, seed " + std::to_string(opt.seed) + " (mt19937_64)";
+    label = "uniform";
   }
+  if (!opt.label.empty()) label = opt.label;
   const size_t n = vPoints.size();
   std::cout << "input: " << n << " points, " << what << "\n";
   std::cout << "runs:  " << (opt.bFork ? opt.repeat : 1)
@@ -372,9 +514,13 @@ int main(int argc, char** argv) {
   if (opt.bCgal) std::cout << "CGAL: not built in (configure with CGAL installed)\n";
   opt.bCgal = false;
 #endif
-  // The two implementations take turns, so that a load that comes and goes
-  // on the machine falls on both alike.
-  Summary velm, cgal;
+#ifndef VELM3D_BENCH_WITH_TETGEN
+  if (opt.bTetgen) std::cout << "TetGen: not built in (configure with libtet installed)\n";
+  opt.bTetgen = false;
+#endif
+  // The implementations take turns, so that a load that comes and goes on
+  // the machine falls on all of them alike.
+  Summary velm, cgal, tetgen;
   const int runs = opt.bFork ? opt.repeat : 1;
   for (int i = 0; i < runs; ++i) {
     if (opt.bVelm) {
@@ -387,34 +533,51 @@ int main(int argc, char** argv) {
       cgal.add(opt.bFork ? runForked(fn) : fn());
     }
 #endif
+#ifdef VELM3D_BENCH_WITH_TETGEN
+    if (opt.bTetgen) {
+      auto fn = [&] { return runTetgen(vPoints); };
+      tetgen.add(opt.bFork ? runForked(fn) : fn());
+    }
+#endif
   }
   velm.finish();
   cgal.finish();
+  tetgen.finish();
   if (opt.bVelm)
     printSummary(("libvelm3d " + VELM3D::getVelm3DVersion()).c_str(), "tetrahedra", velm, n,
                  opt.bFork);
   if (opt.bCgal)
     printSummary("CGAL Delaunay_triangulation_3, Epick, range insert", "finite cells", cgal, n,
                  opt.bFork);
+  if (opt.bTetgen)
+    printSummary("TetGen tetrahedralize \"QNF\"", "tetrahedra", tetgen, n, opt.bFork);
 
-  if (velm.ok && cgal.ok) {
-    std::cout << "velm/CGAL\n" << std::setprecision(2);
-    std::cout << "  time ratio          " << velm.seconds / cgal.seconds << " (wall), "
-              << velm.cpu / cgal.cpu << " (CPU)\n";
+  auto compare = [&](const char* title, const Summary& s) {
+    std::cout << title << "\n" << std::setprecision(2);
+    std::cout << "  time ratio          " << s.seconds / cgal.seconds << " (wall), "
+              << s.cpu / cgal.cpu << " (CPU)\n";
     if (opt.bFork && cgal.growthKB() > 0) {
-      std::cout << "  memory ratio        " << static_cast<double>(velm.growthKB()) / cgal.growthKB()
-                << " (peak - before), "
-                << static_cast<double>(velm.hwmKB) / cgal.hwmKB << " (peak RSS)\n";
+      std::cout << "  memory ratio        " << static_cast<double>(s.growthKB()) / cgal.growthKB()
+                << " (peak - before), " << static_cast<double>(s.hwmKB) / cgal.hwmKB
+                << " (peak RSS)\n";
     }
     if (opt.bCount)
       std::cout << "  cell counts         "
-                << (velm.numCells == cgal.numCells
+                << (s.numCells == cgal.numCells
                         ? "equal"
                         : "differ (expected only where points are cospherical, e.g. on grids: "
                           "the Delaunay triangulation is then not unique)")
                 << "\n";
+  };
+  if (velm.ok && cgal.ok) compare("velm/CGAL", velm);
+  if (tetgen.ok && cgal.ok) compare("TetGen/CGAL", tetgen);
+
+  if (!opt.csvFile.empty()) {
+    if (opt.bVelm) appendCsv(opt, label, n, "libvelm3d", velm, cgal, load[0]);
+    if (opt.bCgal) appendCsv(opt, label, n, "CGAL", cgal, cgal, load[0]);
+    if (opt.bTetgen) appendCsv(opt, label, n, "TetGen", tetgen, cgal, load[0]);
   }
-  bool bFailed = (opt.bVelm && !velm.ok) || (opt.bCgal && !cgal.ok) || velm.checkResult == 0 ||
-                 cgal.checkResult == 0;
+  bool bFailed = (opt.bVelm && !velm.ok) || (opt.bCgal && !cgal.ok) ||
+                 (opt.bTetgen && !tetgen.ok) || velm.checkResult == 0 || cgal.checkResult == 0;
   return bFailed ? 1 : 0;
 }
