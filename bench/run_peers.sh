@@ -125,6 +125,22 @@ cpu="$(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ *//')"
       printf "| %s | %d | %s | %.3f | %s | %.1f | %d | %d | %s |\n",
         $1, $2, $3, $4, ($6 == "" ? "-" : sprintf("%.2f", $6)), $7, $9, $10, ($12 == "" ? "-" : $12)
     }' "$csv"
+  echo
+  echo "Time per point over the uniform series, in microseconds (the plot's data):"
+  echo
+  echo "| N | libvelm3d | CGAL | TetGen |"
+  echo "|---:|---:|---:|---:|"
+  awk -F, 'NR > 1 && $1 == "uniform" {
+      if (!($2 in seen)) { seen[$2] = 1; order[++count] = $2 }
+      us[$2, $3] = sprintf("%.2f", $4 * 1e6 / $2)
+    }
+    END {
+      for (i = 1; i <= count; ++i) {
+        n = order[i]
+        printf "| %d | %s | %s | %s |\n", n, ((n, "libvelm3d") in us ? us[n, "libvelm3d"] : "-"),
+          ((n, "CGAL") in us ? us[n, "CGAL"] : "-"), ((n, "TetGen") in us ? us[n, "TetGen"] : "-")
+      }
+    }' "$csv"
 } > "$results/peers.md"
 echo
 cat "$results/peers.md"
