@@ -499,6 +499,7 @@ int main(int argc, char** argv) {
     label = "uniform";
   }
   if (!opt.label.empty()) label = opt.label;
+  std::replace(label.begin(), label.end(), ',', ';'); // one CSV field
   const size_t n = vPoints.size();
   std::cout << "input: " << n << " points, " << what << "\n";
   std::cout << "runs:  " << (opt.bFork ? opt.repeat : 1)

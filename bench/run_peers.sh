@@ -10,11 +10,12 @@
 # Each figure is the median of R runs; the implementations take turns.
 #
 #   bench/run_peers.sh [--quick] [--repeat R] [--max N] [--ten-million]
-#                      [--no-install]
+#                      [--no-install] [--report-only]
 #
 # --quick       small sets and one run each: a smoke test of the whole chain
 # --max N       leave out the uniform sets above N points
 # --ten-million adds 10M uniform points, libvelm3d alone, one run
+# --report-only writes the table and the plot again from the last CSV
 #
 # Writes bench/results/peers.csv (one line per implementation and set),
 # bench/results/peers.md (the table) and bench/results/time_per_point.png
@@ -26,11 +27,13 @@ set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 build="$root/build/bench"
 results="$root/bench/results"
+invocation="bash bench/run_peers.sh${*:+ $*}"
 repeat=3
 quick=0
 maxPoints=4000000
 tenMillion=0
 install=1
+reportOnly=0
 
 while [ $# -gt 0 ]; do
   case "$1" in
@@ -39,7 +42,9 @@ while [ $# -gt 0 ]; do
     --max) maxPoints="$2"; shift ;;
     --ten-million) tenMillion=1 ;;
     --no-install) install=0 ;;
-    *) echo "usage: $0 [--quick] [--repeat R] [--max N] [--ten-million] [--no-install]" >&2
+    --report-only) reportOnly=1; install=0 ;;
+    *) echo "usage: $0 [--quick] [--repeat R] [--max N] [--ten-million] [--no-install]" \
+         "[--report-only]" >&2
        exit 2 ;;
   esac
   shift
@@ -56,52 +61,60 @@ if [ "$install" = 1 ]; then
     libboost-dev libbenchmark-dev "${tetgenDev:-libtet1.5-dev}" gnuplot-nox
 fi
 
-generator=()
-if command -v ninja >/dev/null 2>&1; then generator=(-G Ninja); fi
-cmake -S "$root" -B "$build" "${generator[@]}" \
-  -DCMAKE_BUILD_TYPE=Release \
-  -DCMAKE_CXX_FLAGS_RELEASE="-O3 -DNDEBUG" \
-  -DVELM3D_BUILD_BENCH=ON -DVELM3D_BUILD_TESTS=OFF -DVELM3D_BUILD_EXAMPLES=OFF
-cmake --build "$build" --target bench_triangulation
-bin="$build/bench/bench_triangulation"
-
-if [ "$quick" = 1 ]; then
-  repeat=1
-  series=(10000 30000 100000)
-  grid=20
-  sphere=10000
-  dups=100000
-else
-  series=()
-  for n in 10000 30000 100000 300000 1000000 2000000 4000000; do
-    if [ "$n" -le "$maxPoints" ]; then series+=("$n"); fi
-  done
-  grid=100
-  sphere=100000
-  dups=1000000
-fi
-
 mkdir -p "$results"
 csv="$results/peers.csv"
-rm -f "$csv"
-loadAtStart="$(cut -d' ' -f1-3 /proc/loadavg)"
-started="$(date -u '+%Y-%m-%d %H:%M UTC')"
+if [ "$reportOnly" = 1 ]; then
+  # shellcheck source=/dev/null
+  . "$results/peers.run"
+else
+  generator=()
+  if command -v ninja >/dev/null 2>&1; then generator=(-G Ninja); fi
+  cmake -S "$root" -B "$build" "${generator[@]}" \
+    -DCMAKE_BUILD_TYPE=Release \
+    -DCMAKE_CXX_FLAGS_RELEASE="-O3 -DNDEBUG" \
+    -DVELM3D_BUILD_BENCH=ON -DVELM3D_BUILD_TESTS=OFF -DVELM3D_BUILD_EXAMPLES=OFF
+  cmake --build "$build" --target bench_triangulation
+  bin="$build/bench/bench_triangulation"
 
-run() {
-  echo
-  echo "== $* =="
-  # A failed run (or a failed check) is reported in the table by its absence
-  # or its check column; the series goes on.
-  "$bin" --repeat "$repeat" --csv "$csv" "$@" || echo "(exit status $?)"
-}
+  if [ "$quick" = 1 ]; then
+    repeat=1
+    series=(10000 30000 100000)
+    grid=20
+    sphere=10000
+    dups=100000
+  else
+    series=()
+    for n in 10000 30000 100000 300000 1000000 2000000 4000000; do
+      if [ "$n" -le "$maxPoints" ]; then series+=("$n"); fi
+    done
+    grid=100
+    sphere=100000
+    dups=1000000
+  fi
 
-for n in "${series[@]}"; do run --points "$n"; done
-run --grid "$grid" --check
-run --sphere "$sphere"
-run --dups "$dups"
-if [ "$tenMillion" = 1 ]; then
-  "$bin" --points 10000000 --repeat 1 --no-cgal --no-tetgen --csv "$csv" --label "uniform, alone" \
-    || echo "(exit status $?)"
+  rm -f "$csv"
+  loadAtStart="$(cut -d' ' -f1-3 /proc/loadavg)"
+  started="$(date -u '+%Y-%m-%d %H:%M UTC')"
+  # What the table's heading says about this run, kept for --report-only.
+  printf 'invocation=%q\nstarted=%q\nloadAtStart=%q\nrepeat=%q\n' \
+    "$invocation" "$started" "$loadAtStart" "$repeat" > "$results/peers.run"
+
+  run() {
+    echo
+    echo "== $* =="
+    # A failed run (or a failed check) is reported in the table by its absence
+    # or its check column; the series goes on.
+    "$bin" --repeat "$repeat" --csv "$csv" "$@" || echo "(exit status $?)"
+  }
+
+  for n in "${series[@]}"; do run --points "$n"; done
+  run --grid "$grid" --check
+  run --sphere "$sphere"
+  run --dups "$dups"
+  if [ "$tenMillion" = 1 ]; then
+    "$bin" --points 10000000 --repeat 1 --no-cgal --no-tetgen --csv "$csv" --label "uniform (libvelm3d alone)" \
+      || echo "(exit status $?)"
+  fi
 fi
 
 # The table.
@@ -109,7 +122,7 @@ cpu="$(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ *//')"
 {
   echo "# libvelm3d, CGAL and TetGen: construction time and memory"
   echo
-  echo "Produced by \`bash bench/run_peers.sh$([ "$quick" = 1 ] && echo ' --quick')\` on $started:"
+  echo "Produced by \`$invocation\` on $started:"
   echo "$(nproc) cores ($cpu), load average at start $loadAtStart; median of $repeat run(s),"
   echo "one thread, implementations taking turns on the same points, each run in its own process."
   echo
@@ -147,6 +160,7 @@ cat "$results/peers.md"
 
 # The plot: time per point over the uniform series, one line per
 # implementation.
+mkdir -p "$build"
 for impl in libvelm3d CGAL TetGen; do
   awk -F, -v impl="$impl" 'NR > 1 && $1 == "uniform" && $3 == impl { print $2, $4 * 1e6 / $2 }' \
     "$csv" > "$build/series_$impl.dat"
