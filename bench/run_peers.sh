@@ -12,7 +12,8 @@
 #   bench/run_peers.sh [--quick] [--repeat R] [--max N] [--ten-million]
 #                      [--no-install] [--report-only]
 #
-# --quick       small sets and one run each: a smoke test of the whole chain
+# --quick       small sets and one run each: a smoke test of the whole chain,
+#               written to build/bench/quick-results instead
 # --max N       leave out the uniform sets above N points
 # --ten-million adds 10M uniform points, libvelm3d alone, one run
 # --report-only writes the table and the plot again from the last CSV
@@ -61,6 +62,8 @@ if [ "$install" = 1 ]; then
     libboost-dev libbenchmark-dev "${tetgenDev:-libtet1.5-dev}" gnuplot-nox
 fi
 
+# A smoke run leaves the recorded results alone.
+if [ "$quick" = 1 ]; then results="$build/quick-results"; fi
 mkdir -p "$results"
 csv="$results/peers.csv"
 if [ "$reportOnly" = 1 ]; then
