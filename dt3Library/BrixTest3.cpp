@@ -940,6 +940,176 @@ namespace {
 // Class of a sign: 1 positive, 0 negative, 2 zero (also for not-a-number).
 inline unsigned int signClass(double v) { return v > 0.0 ? 1u : (v < 0.0 ? 0u : 2u); }
 
+// Two shortcuts stand in front of the expansions of insphereadapt. Each one
+// answers only when its answer is the exact sign, so the class returned is
+// the one the expansions would return; they change the cost, not the result.
+//
+// 1. Integer differences. When every difference is exact and an integer of
+//    magnitude at most 2^50, and the permanent is below 2^53, every product
+//    and partial sum of the plain determinant is an integer of magnitude
+//    below 2^53 (each is bounded by a partial sum of the permanent, or is
+//    multiplied by an exact zero), so the double evaluation is exact, zero
+//    included. Integer grids meet this on every cospherical quintuple.
+//
+// 2. Double-double evaluation. With the differences split into heads h (the
+//    rounded differences) and tails t, the determinant is
+//      det(h + t) = det(h) + D(h; t) + R,
+//    D the first-order term (linear in t) and R the rest, |R| <= 10.1 eps^2
+//    times the permanent P (every monomial has degree 5, |t| <= eps |h|).
+//    det(h) is evaluated with error-free products and sums carried as pairs
+//    hi + lo, losing at most 256 eps^2 P (rounding of the low words and the
+//    dropped lo*lo products; about 6 eps^2 P is seen in practice); D is
+//    evaluated in double from the heads of the pairs, losing at most 90
+//    eps^2 P. Beyond 2048 eps^2 P the sign is therefore certain. Points on
+//    a sphere produce such cases by the million, and the whole stage costs a
+//    few hundred flops where the expansions cost thousands. Heads must be 0
+//    or of magnitude in [1e-50, 1e50] and tails 0 or at least 1e-80: then no
+//    product met here, nor the error term of one, leaves the normal range,
+//    so the error-free transformations stay error free.
+
+// Whether each of the n values is an integer of magnitude at most 2^50.
+// Adding 1.5 * 2^52 rounds such a value to an integer, exactly.
+inline bool allSmallIntegers(const double* v, int n) {
+  const double magic = 6755399441055744.0, limit = 1125899906842624.0;
+  bool ok = true;
+  for (int i = 0; i < n; i++)
+    ok &= (std::fabs(v[i]) <= limit) & (((v[i] + magic) - magic) == v[i]);
+  return ok;
+}
+
+// Whether heads and tails lie in the ranges the double-double stage needs
+// (not-a-number fails).
+inline bool inPairRange(const double* heads, const double* tails, int n) {
+  bool ok = true;
+  for (int i = 0; i < n; i++) {
+    const double h = std::fabs(heads[i]), t = std::fabs(tails[i]);
+    ok &= (h <= 1e50) & ((h >= 1e-50) | (h == 0.0)) & ((t >= 1e-80) | (t == 0.0));
+  }
+  return ok;
+}
+
+// A value held as the unevaluated sum hi + lo, |lo| a few ulps of hi at most.
+struct PairValue {
+  double hi, lo;
+};
+
+// x1*y2 - x2*y1: the exact difference of the rounded products, and their
+// three error terms summed (error <= 4.01 eps^2 (|x1 y2| + |x2 y1|)).
+inline PairValue pairMinor2(double x1, double y2, double x2, double y1, double splitter) {
+  double p, pe, q, qe, s, se;
+  Two_Product(x1, y2, p, pe, splitter);
+  Two_Product(x2, y1, q, qe, splitter);
+  Two_Diff(p, q, s, se);
+  return {s, (se + pe) - qe};
+}
+
+// z1 m1 + z2 m2 + z3 m3: exact products and sums of the heads; the error
+// terms and the products of the low words summed in double (error <= 45 eps^2
+// times the sum of |z_k| times the permanent of m_k).
+inline PairValue pairMinor3(const PairValue& m1, double z1, const PairValue& m2, double z2,
+                            const PairValue& m3, double z3, double splitter) {
+  double t1, e1, t2, e2, t3, e3, s1, f1, s2, f2;
+  Two_Product(z1, m1.hi, t1, e1, splitter);
+  Two_Product(z2, m2.hi, t2, e2, splitter);
+  Two_Product(z3, m3.hi, t3, e3, splitter);
+  Two_Sum(t1, t2, s1, f1);
+  Two_Sum(s1, t3, s2, f2);
+  return {s2, ((f1 + f2) + ((e1 + e2) + e3)) + ((z1 * m1.lo + z2 * m2.lo) + z3 * m3.lo)};
+}
+
+// x^2 + y^2 + z^2 (error <= 12.1 eps^2 times the value).
+inline PairValue pairLift(double x, double y, double z, double splitter) {
+  double a, ae, b, be, c, ce, s1, f1, s2, f2;
+  Square(x, a, ae, splitter);
+  Square(y, b, be, splitter);
+  Square(z, c, ce, splitter);
+  Two_Sum(a, b, s1, f1);
+  Two_Sum(s1, c, s2, f2);
+  return {s2, (f1 + f2) + ((ae + be) + ce)};
+}
+
+// l * m as the exact product of the heads, t + te, and the cross terms: small
+// holds te + l.hi m.lo + l.lo m.hi (l.lo m.lo is dropped).
+inline void pairProduct(const PairValue& l, const PairValue& m, double& t, double& small,
+                        double splitter) {
+  double te;
+  Two_Product(l.hi, m.hi, t, te, splitter);
+  small = te + (l.hi * m.lo + l.lo * m.hi);
+}
+
+// First-order change of the minor x1*y2 - x2*y1 under the tails.
+inline double minor2Change(double x1, double y2, double x2, double y1, double x1t, double y2t,
+                           double x2t, double y1t) {
+  return (x1 * y2t + y2 * x1t) - (y1 * x2t + x2 * y1t);
+}
+
+// The double-double stage: 1 positive, 0 negative, 2 undecided. Heads and
+// tails are ordered ax bx cx dx ay by cy dy az bz cz dz (differences to e).
+unsigned int pairInsphere(const double* h, const double* t, double permanent, double epsilon,
+                          double splitter) {
+  const double aex = h[0], bex = h[1], cex = h[2], dex = h[3];
+  const double aey = h[4], bey = h[5], cey = h[6], dey = h[7];
+  const double aez = h[8], bez = h[9], cez = h[10], dez = h[11];
+  const PairValue ab = pairMinor2(aex, bey, bex, aey, splitter);
+  const PairValue bc = pairMinor2(bex, cey, cex, bey, splitter);
+  const PairValue cd = pairMinor2(cex, dey, dex, cey, splitter);
+  const PairValue da = pairMinor2(dex, aey, aex, dey, splitter);
+  const PairValue ac = pairMinor2(aex, cey, cex, aey, splitter);
+  const PairValue bd = pairMinor2(bex, dey, dex, bey, splitter);
+  const PairValue abc = pairMinor3(bc, aez, ac, -bez, ab, cez, splitter);
+  const PairValue bcd = pairMinor3(cd, bez, bd, -cez, bc, dez, splitter);
+  const PairValue cda = pairMinor3(da, cez, ac, dez, cd, aez, splitter);
+  const PairValue dab = pairMinor3(ab, dez, bd, aez, da, bez, splitter);
+  const PairValue alift = pairLift(aex, aey, aez, splitter);
+  const PairValue blift = pairLift(bex, bey, bez, splitter);
+  const PairValue clift = pairLift(cex, cey, cez, splitter);
+  const PairValue dlift = pairLift(dex, dey, dez, splitter);
+  // (dlift abc - clift dab) + (blift cda - alift bcd), heads summed exactly.
+  double t1, w1, t2, w2, t3, w3, t4, w4, s1, f1, s2, f2, s3, f3;
+  pairProduct(dlift, abc, t1, w1, splitter);
+  pairProduct(clift, dab, t2, w2, splitter);
+  pairProduct(blift, cda, t3, w3, splitter);
+  pairProduct(alift, bcd, t4, w4, splitter);
+  Two_Diff(t1, t2, s1, f1);
+  Two_Sum(s1, t3, s2, f2);
+  Two_Diff(s2, t4, s3, f3);
+  double low = ((f1 + f2) + f3) + ((w1 - w2) + (w3 - w4));
+
+  const bool bTails = (t[0] != 0.0) | (t[1] != 0.0) | (t[2] != 0.0) | (t[3] != 0.0) |
+                      (t[4] != 0.0) | (t[5] != 0.0) | (t[6] != 0.0) | (t[7] != 0.0) |
+                      (t[8] != 0.0) | (t[9] != 0.0) | (t[10] != 0.0) | (t[11] != 0.0);
+  if (bTails) {
+    const double aext = t[0], bext = t[1], cext = t[2], dext = t[3];
+    const double aeyt = t[4], beyt = t[5], ceyt = t[6], deyt = t[7];
+    const double aezt = t[8], bezt = t[9], cezt = t[10], dezt = t[11];
+    const double abt = minor2Change(aex, bey, bex, aey, aext, beyt, bext, aeyt);
+    const double bct = minor2Change(bex, cey, cex, bey, bext, ceyt, cext, beyt);
+    const double cdt = minor2Change(cex, dey, dex, cey, cext, deyt, dext, ceyt);
+    const double dat = minor2Change(dex, aey, aex, dey, dext, aeyt, aext, deyt);
+    const double act = minor2Change(aex, cey, cex, aey, aext, ceyt, cext, aeyt);
+    const double bdt = minor2Change(bex, dey, dex, bey, bext, deyt, dext, beyt);
+    const double abct = (aez * bct - bez * act + cez * abt) +
+                        (aezt * bc.hi - bezt * ac.hi + cezt * ab.hi);
+    const double bcdt = (bez * cdt - cez * bdt + dez * bct) +
+                        (bezt * cd.hi - cezt * bd.hi + dezt * bc.hi);
+    const double cdat = (cez * dat + dez * act + aez * cdt) +
+                        (cezt * da.hi + dezt * ac.hi + aezt * cd.hi);
+    const double dabt = (dez * abt + aez * bdt + bez * dat) +
+                        (dezt * ab.hi + aezt * bd.hi + bezt * da.hi);
+    const double aliftt = 2.0 * ((aex * aext + aey * aeyt) + aez * aezt);
+    const double bliftt = 2.0 * ((bex * bext + bey * beyt) + bez * bezt);
+    const double cliftt = 2.0 * ((cex * cext + cey * ceyt) + cez * cezt);
+    const double dliftt = 2.0 * ((dex * dext + dey * deyt) + dez * dezt);
+    low += ((dliftt * abc.hi + dlift.hi * abct) - (cliftt * dab.hi + clift.hi * dabt)) +
+           ((bliftt * cda.hi + blift.hi * cdat) - (aliftt * bcd.hi + alift.hi * bcdt));
+  }
+  const double value = s3 + low;
+  const double bound = 2048.0 * epsilon * epsilon * permanent;
+  if (value > bound) return 1;
+  if (-value > bound) return 0;
+  return 2;
+}
+
 } // namespace
 
 unsigned int ExactTest::insphereexact(double* pa, double* pb, double* pc, double* pd,
@@ -1020,6 +1190,38 @@ unsigned int ExactTest::insphereadapt(double* pa, double* pb, double* pc, double
   const double aey = pa[1] - pe[1], bey = pb[1] - pe[1], cey = pc[1] - pe[1], dey = pd[1] - pe[1];
   const double aez = pa[2] - pe[2], bez = pb[2] - pe[2], cez = pc[2] - pe[2], dez = pd[2] - pe[2];
 
+  double aextail, bextail, cextail, dextail, aeytail, beytail, ceytail, deytail;
+  double aeztail, beztail, ceztail, deztail;
+  Two_Diff_Tail(pa[0], pe[0], aex, aextail);
+  Two_Diff_Tail(pa[1], pe[1], aey, aeytail);
+  Two_Diff_Tail(pa[2], pe[2], aez, aeztail);
+  Two_Diff_Tail(pb[0], pe[0], bex, bextail);
+  Two_Diff_Tail(pb[1], pe[1], bey, beytail);
+  Two_Diff_Tail(pb[2], pe[2], bez, beztail);
+  Two_Diff_Tail(pc[0], pe[0], cex, cextail);
+  Two_Diff_Tail(pc[1], pe[1], cey, ceytail);
+  Two_Diff_Tail(pc[2], pe[2], cez, ceztail);
+  Two_Diff_Tail(pd[0], pe[0], dex, dextail);
+  Two_Diff_Tail(pd[1], pe[1], dey, deytail);
+  Two_Diff_Tail(pd[2], pe[2], dez, deztail);
+  const bool bExactDifferences =
+      (aextail == 0.0) && (aeytail == 0.0) && (aeztail == 0.0) && (bextail == 0.0) &&
+      (beytail == 0.0) && (beztail == 0.0) && (cextail == 0.0) && (ceytail == 0.0) &&
+      (ceztail == 0.0) && (dextail == 0.0) && (deytail == 0.0) && (deztail == 0.0);
+
+  const double heads[12] = {aex, bex, cex, dex, aey, bey, cey, dey, aez, bez, cez, dez};
+  if (bExactDifferences && permanent < 9007199254740992.0 && allSmallIntegers(heads, 12)) {
+    double plainDet, plainPermanent;
+    insphereFilter(pa, pb, pc, pd, pe, plainDet, plainPermanent);
+    return signClass(plainDet);
+  }
+  const double tails[12] = {aextail, bextail, cextail, dextail, aeytail, beytail,
+                            ceytail, deytail, aeztail, beztail, ceztail, deztail};
+  if (inPairRange(heads, tails, 12)) {
+    const unsigned int pairClass = pairInsphere(heads, tails, permanent, epsilon, splitter);
+    if (pairClass != 2u) return pairClass;
+  }
+
   double ab[4], bc[4], cd[4], da[4], ac[4], bd[4];
   minor2(aex, bey, bex, aey, ab, splitter);
   minor2(bex, cey, cex, bey, bc, splitter);
@@ -1061,23 +1263,7 @@ unsigned int ExactTest::insphereadapt(double* pa, double* pb, double* pc, double
   if (det >= errbound) return 1;
   if (-det >= errbound) return 0;
 
-  double aextail, bextail, cextail, dextail, aeytail, beytail, ceytail, deytail;
-  double aeztail, beztail, ceztail, deztail;
-  Two_Diff_Tail(pa[0], pe[0], aex, aextail);
-  Two_Diff_Tail(pa[1], pe[1], aey, aeytail);
-  Two_Diff_Tail(pa[2], pe[2], aez, aeztail);
-  Two_Diff_Tail(pb[0], pe[0], bex, bextail);
-  Two_Diff_Tail(pb[1], pe[1], bey, beytail);
-  Two_Diff_Tail(pb[2], pe[2], bez, beztail);
-  Two_Diff_Tail(pc[0], pe[0], cex, cextail);
-  Two_Diff_Tail(pc[1], pe[1], cey, ceytail);
-  Two_Diff_Tail(pc[2], pe[2], cez, ceztail);
-  Two_Diff_Tail(pd[0], pe[0], dex, dextail);
-  Two_Diff_Tail(pd[1], pe[1], dey, deytail);
-  Two_Diff_Tail(pd[2], pe[2], dez, deztail);
-  if ((aextail == 0.0) && (aeytail == 0.0) && (aeztail == 0.0) && (bextail == 0.0) &&
-      (beytail == 0.0) && (beztail == 0.0) && (cextail == 0.0) && (ceytail == 0.0) &&
-      (ceztail == 0.0) && (dextail == 0.0) && (deytail == 0.0) && (deztail == 0.0)) {
+  if (bExactDifferences) {
     if (det > 0.0) return 1;
     if (det < 0.0) return 0;
     if (det == 0.0) return 2;

@@ -82,7 +82,9 @@ std::vector<std::array<int, 3>> latticeSphere(int n, int dim) {
 // Generators of a case of n points in p; `dim` 2 leaves z at 0. The derived
 // point of a kind (on the line, plane, circle or sphere, or a copy) is made
 // last; all but a copy are then shuffled.
-enum Kind { RANDOM, FLOAT_FLAT, LATTICE_FLAT, WIDE_FLAT, LATTICE_ROUND, WIDE_ROUND, COINCIDENT };
+enum Kind {
+  RANDOM, FLOAT_FLAT, LATTICE_FLAT, WIDE_FLAT, LATTICE_ROUND, WIDE_ROUND, FLOAT_ROUND, COINCIDENT
+};
 
 class Cases {
 public:
@@ -124,6 +126,17 @@ public:
         for (int r = code >> dim; r > 0; --r) std::next_permutation(perm, perm + dim);
         for (int k = 0; k < dim; ++k) p[i][k] = ((code >> k) & 1 ? -1.0 : 1.0) * base[perm[k]];
       }
+    } else if (kind == FLOAT_ROUND) {  // one sphere, rounded: differences carry tails
+      const double radius = std::ldexp(1.0 + uni(rng), irand(21) - 10);
+      const double c[3] = {offset * uni(rng), offset * uni(rng), offset * uni(rng)};
+      for (int i = 0; i < n; ++i) {
+        double v[3], len = 0.0;
+        for (int k = 0; k < dim; ++k) {
+          v[k] = uni(rng);
+          len += v[k] * v[k];
+        }
+        for (int k = 0; k < dim; ++k) p[i][k] = c[k] + radius * v[k] / std::sqrt(len);
+      }
     } else {  // LATTICE_ROUND: distinct lattice points of one sphere
       std::array<int, 3> v[5];
       std::sample(sphere.begin(), sphere.end(), v, n, rng);
@@ -164,7 +177,9 @@ struct Regime {
 
 // Random input for the filters; near-degenerate float and lattice input for
 // the adaptive stages; exactly degenerate lattice input at large magnitude
-// and at a small scale whose products stay normal; coincident points.
+// and at a small scale whose products stay normal; points rounded onto a
+// sphere (centre within `offset` of the origin), whose differences carry
+// tails; coincident points.
 const std::vector<Regime> vRegimes3 = {
     {RANDOM, 300000, 0, 1, 0},           {FLOAT_FLAT, 150000, 0, 1, 0},
     {LATTICE_FLAT, 100000, 1e15, 1, 4},  {LATTICE_FLAT, 40000, 0, 0x1p-30, 4},
@@ -176,6 +191,7 @@ const std::vector<Regime> vRegimesSphere = {
     {LATTICE_ROUND, 60000, 1e15, 1, 4},  {LATTICE_ROUND, 30000, 0, 0x1p-20, 4},
     {LATTICE_ROUND, 20000, 1e15, 1, 0},  {LATTICE_ROUND, 20000, 0, 0x1p-180, 0},
     {WIDE_ROUND, 4000, 0, 1, 0},         {WIDE_ROUND, 4000, 0, 1, 4},
+    {FLOAT_ROUND, 60000, 0, 1, 0},       {FLOAT_ROUND, 60000, 3, 1, 2},
     {COINCIDENT, 10000, 0, 1, 0}};
 
 // The orientation that a published orient3d sign stands for.
