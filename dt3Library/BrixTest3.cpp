@@ -1044,9 +1044,10 @@ inline double minor2Change(double x1, double y2, double x2, double y1, double x1
 }
 
 // The double-double stage: 1 positive, 0 negative, 2 undecided. Heads and
-// tails are ordered ax bx cx dx ay by cy dy az bz cz dz (differences to e).
-unsigned int pairInsphere(const double* h, const double* t, double permanent, double epsilon,
-                          double splitter) {
+// tails are ordered ax bx cx dx ay by cy dy az bz cz dz (differences to e);
+// bTails says whether any tail is nonzero.
+unsigned int pairInsphere(const double* h, const double* t, bool bTails, double permanent,
+                          double epsilon, double splitter) {
   const double aex = h[0], bex = h[1], cex = h[2], dex = h[3];
   const double aey = h[4], bey = h[5], cey = h[6], dey = h[7];
   const double aez = h[8], bez = h[9], cez = h[10], dez = h[11];
@@ -1075,9 +1076,6 @@ unsigned int pairInsphere(const double* h, const double* t, double permanent, do
   Two_Diff(s2, t4, s3, f3);
   double low = ((f1 + f2) + f3) + ((w1 - w2) + (w3 - w4));
 
-  const bool bTails = (t[0] != 0.0) | (t[1] != 0.0) | (t[2] != 0.0) | (t[3] != 0.0) |
-                      (t[4] != 0.0) | (t[5] != 0.0) | (t[6] != 0.0) | (t[7] != 0.0) |
-                      (t[8] != 0.0) | (t[9] != 0.0) | (t[10] != 0.0) | (t[11] != 0.0);
   if (bTails) {
     const double aext = t[0], bext = t[1], cext = t[2], dext = t[3];
     const double aeyt = t[4], beyt = t[5], ceyt = t[6], deyt = t[7];
@@ -1218,7 +1216,8 @@ unsigned int ExactTest::insphereadapt(double* pa, double* pb, double* pc, double
   const double tails[12] = {aextail, bextail, cextail, dextail, aeytail, beytail,
                             ceytail, deytail, aeztail, beztail, ceztail, deztail};
   if (inPairRange(heads, tails, 12)) {
-    const unsigned int pairClass = pairInsphere(heads, tails, permanent, epsilon, splitter);
+    const unsigned int pairClass = pairInsphere(heads, tails, !bExactDifferences, permanent, epsilon,
+                                                       splitter);
     if (pairClass != 2u) return pairClass;
   }
 
