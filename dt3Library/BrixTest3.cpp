@@ -2,24 +2,24 @@
 // after J. R. Shewchuk, "Adaptive Precision Floating-Point Arithmetic and Fast
 // Robust Geometric Predicates", Discrete & Computational Geometry 18 (1997).
 // An expansion: doubles, nonoverlapping, by increasing magnitude, whose exact
-// sum is the value; its length travels beside it. The one precondition: IEEE
-// double, round-to-nearest, no fused multiply-add, no excess precision, no
-// re-association (the target compiles with -ffp-contract=off), no overflow or
-// underflow. NAMEfast is the plain determinant, NAME the filtered predicate,
-// NAMEadapt its adaptive stages, NAMEexact the exact sum; a _zeroelim routine
-// drops zero components, and its zero result is length 1 holding 0.
-// Signs, with points a, b, c, d, e:
-//  orient2d > 0 when a, b, c run counterclockwise; incircle > 0 when d lies
-//  inside the circle through a, b, c, these counterclockwise. orient3d > 0
-//  when d lies below the plane through a, b, c, these counterclockwise seen
-//  from above; insphere > 0 when e lies inside the sphere through a, b, c, d,
-//  these with orient3d > 0. insphereadapt and insphereexact answer a class:
-//  1 positive, 0 negative, 2 zero. getOrientation3 is ORIENTATION3_POSITIVE
-//  when orient3d < 0 (seen from d, a b c run counterclockwise), so corners of
-//  a Tet3 have a negative orient3d, and a negative insphere there is INSIDE.
-// Scratch arrays are fixed-size locals: nothing allocates, nothing is kept.
+// sum is the value; its length travels beside it. Precondition: IEEE double,
+// round-to-nearest, no fused multiply-add, no excess precision, no re-
+// association (-ffp-contract=off); input whose products would leave the normal
+// range is dealt with further down. NAMEfast is the plain determinant, NAME
+// the filtered predicate, NAMEadapt its adaptive stages, NAMEexact the exact
+// sum; a _zeroelim routine drops zeros (a zero result is length 1 holding 0).
+// Signs: orient2d > 0 when a, b, c run counterclockwise; incircle > 0 when d
+// is inside the circle through a, b, c (counterclockwise); orient3d > 0 when d
+// is below the plane of a, b, c (counterclockwise from above); insphere > 0
+// when e is inside the sphere of a, b, c, d (orient3d > 0). The adaptive and
+// exact sphere stages answer classes: 1 positive, 0 negative, 2 zero. A Tet3
+// is POSITIVE in getOrientation3, so a negative orient3d; INSIDE is a negative insphere.
 #include "BrixTest3.h"
 
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+#include <limits>
 #include <utility>
 
 #include "freeFunctions.h"
@@ -395,6 +395,288 @@ inline void addToFinal(int& finlength, double*& finnow, double*& finother, int l
 } // namespace
 
 // ---------------------------------------------------------------------------
+// Exactness for every finite double.
+//
+// The published stages are exact while no product, and no error term of one,
+// leaves the normal range. Every coordinate of magnitude in [2^-159, 2^199)
+// is a multiple of 2^-211, so the five-fold products of the sphere test are
+// multiples of 2^-1055 (above the smallest subnormal, 2^-1074) and stay
+// below 2^1000: inside that range, or 0, the published stages run as they
+// are. Outside it the adaptive stages hand the test to anyRangeSign, which
+// takes one of two ways:
+//  1. Scaling. All coordinates times one power of two 2^k multiply each
+//     determinant by 2^(degree k) and keep its sign. When the exponents of
+//     the nonzero coordinates span no more than the range does, one 2^k
+//     brings them all inside it, exactly, and the published predicate runs
+//     on the scaled copy. Lattices near 2^1000, subnormal ones, and points
+//     scaled by 1e-150 or 1e150 all take this way.
+//  2. Integers. Otherwise (magnitudes mixed across more than 2^357) each
+//     coordinate becomes the integer c * 2^-e0, e0 the lowest set bit of all
+//     of them, at most 2098 bits, and the determinant is evaluated in the
+//     integer arithmetic below. It costs tens of microseconds a test.
+
+namespace {
+
+constexpr double kRangeLow = 0x1p-159, kRangeHigh = 0x1p199;
+constexpr int kRangeLowExp = -159, kRangeHighExp = 198; // ilogb of the ends
+
+// Whether the n values are 0 or of magnitude in [2^-159, 2^199).
+inline bool inPublishedRange(const double* v, int n) {
+  bool ok = true;
+  for (int i = 0; i < n; i++) {
+    const double a = std::fabs(v[i]);
+    ok &= (a == 0.0) | ((a >= kRangeLow) & (a < kRangeHigh));
+  }
+  return ok;
+}
+
+// Signed integers of up to kCapacity 32-bit limbs, magnitude and sign, on
+// the stack. Enough for the sphere test's five-fold products of 2099-bit
+// differences and their sums (10,780 bits); nothing allocates.
+class ExactInteger {
+public:
+  static constexpr int kCapacity = 344;
+
+  ExactInteger() : numLimbs(0), bNegative(false) {}
+  ExactInteger(const ExactInteger& other) : numLimbs(other.numLimbs), bNegative(other.bNegative) {
+    std::copy(other.limb, other.limb + numLimbs, limb);
+  }
+  ExactInteger& operator=(const ExactInteger& other) {
+    numLimbs = other.numLimbs;
+    bNegative = other.bNegative;
+    std::copy(other.limb, other.limb + numLimbs, limb);
+    return *this;
+  }
+
+  // v * 2^-e0, for a finite v whose lowest set bit is at least 2^e0.
+  static ExactInteger fromDouble(double v, int e0) {
+    ExactInteger r;
+    if (v == 0.0) return r;
+    int e;
+    std::uint64_t m = static_cast<std::uint64_t>(std::ldexp(std::frexp(std::fabs(v), &e), 53));
+    int shift = e - 53 - e0;
+    while ((m & 1u) == 0) {  // shift is then at least 0
+      m >>= 1;
+      ++shift;
+    }
+    const int word = shift / 32, bit = shift % 32;
+    const std::uint64_t low = m << bit, high = bit == 0 ? 0 : m >> (64 - bit);
+    std::fill(r.limb, r.limb + word, 0u);
+    r.limb[word] = static_cast<std::uint32_t>(low);
+    r.limb[word + 1] = static_cast<std::uint32_t>(low >> 32);
+    r.limb[word + 2] = static_cast<std::uint32_t>(high);
+    r.numLimbs = word + 3;
+    r.bNegative = v < 0.0;
+    r.trim();
+    return r;
+  }
+
+  int sign() const { return numLimbs == 0 ? 0 : (bNegative ? -1 : 1); }
+
+  // The value times 2^e as a double of the same sign: a nonzero value too
+  // small for a double gives the smallest subnormal, a too large one infinity.
+  double toDouble(int e) const {
+    if (numLimbs == 0) return 0.0;
+    double top = 0.0;
+    const int first = std::max(0, numLimbs - 3);
+    for (int i = numLimbs - 1; i >= first; --i) top = top * 4294967296.0 + limb[i];
+    double v = std::ldexp(top, e + 32 * first);
+    if (v == 0.0) v = std::numeric_limits<double>::denorm_min();
+    return bNegative ? -v : v;
+  }
+
+  friend ExactInteger operator+(const ExactInteger& a, const ExactInteger& b) {
+    return sum(a, b, b.bNegative);
+  }
+  friend ExactInteger operator-(const ExactInteger& a, const ExactInteger& b) {
+    return sum(a, b, !b.bNegative);
+  }
+  friend ExactInteger operator*(const ExactInteger& a, const ExactInteger& b) {
+    ExactInteger r;
+    if (a.numLimbs == 0 || b.numLimbs == 0) return r;
+    r.numLimbs = a.numLimbs + b.numLimbs;
+    VELM_ASSERT(r.numLimbs <= kCapacity);
+    std::fill(r.limb, r.limb + r.numLimbs, 0u);
+    for (int i = 0; i < a.numLimbs; ++i) {
+      std::uint64_t carry = 0;
+      for (int j = 0; j < b.numLimbs; ++j) {
+        const std::uint64_t t =
+            static_cast<std::uint64_t>(a.limb[i]) * b.limb[j] + r.limb[i + j] + carry;
+        r.limb[i + j] = static_cast<std::uint32_t>(t);
+        carry = t >> 32;
+      }
+      r.limb[i + b.numLimbs] = static_cast<std::uint32_t>(carry);
+    }
+    r.bNegative = a.bNegative != b.bNegative;
+    r.trim();
+    return r;
+  }
+
+private:
+  void trim() {
+    while (numLimbs > 0 && limb[numLimbs - 1] == 0) --numLimbs;
+    if (numLimbs == 0) bNegative = false;
+  }
+  // -1, 0, 1 as |a| is below, equal to or above |b|.
+  static int compareMagnitude(const ExactInteger& a, const ExactInteger& b) {
+    if (a.numLimbs != b.numLimbs) return a.numLimbs < b.numLimbs ? -1 : 1;
+    for (int i = a.numLimbs - 1; i >= 0; --i)
+      if (a.limb[i] != b.limb[i]) return a.limb[i] < b.limb[i] ? -1 : 1;
+    return 0;
+  }
+  // a + (b with the sign bNegativeB).
+  static ExactInteger sum(const ExactInteger& a, const ExactInteger& b, bool bNegativeB) {
+    ExactInteger r;
+    if (a.bNegative == bNegativeB) {
+      const ExactInteger& big = a.numLimbs >= b.numLimbs ? a : b;
+      const ExactInteger& small = a.numLimbs >= b.numLimbs ? b : a;
+      std::uint64_t carry = 0;
+      for (int i = 0; i < big.numLimbs; ++i) {
+        const std::uint64_t t = static_cast<std::uint64_t>(big.limb[i]) +
+                                (i < small.numLimbs ? small.limb[i] : 0u) + carry;
+        r.limb[i] = static_cast<std::uint32_t>(t);
+        carry = t >> 32;
+      }
+      r.numLimbs = big.numLimbs;
+      if (carry != 0) {
+        VELM_ASSERT(r.numLimbs < kCapacity);
+        r.limb[r.numLimbs++] = static_cast<std::uint32_t>(carry);
+      }
+      r.bNegative = a.bNegative;
+    } else {
+      const int cmp = compareMagnitude(a, b);
+      if (cmp == 0) return r;
+      const ExactInteger& big = cmp > 0 ? a : b;
+      const ExactInteger& small = cmp > 0 ? b : a;
+      std::int64_t borrow = 0;
+      for (int i = 0; i < big.numLimbs; ++i) {
+        std::int64_t t = static_cast<std::int64_t>(big.limb[i]) -
+                         (i < small.numLimbs ? small.limb[i] : 0u) - borrow;
+        borrow = t < 0;
+        if (t < 0) t += 4294967296LL;
+        r.limb[i] = static_cast<std::uint32_t>(t);
+      }
+      r.numLimbs = big.numLimbs;
+      r.bNegative = cmp > 0 ? a.bNegative : bNegativeB;
+    }
+    r.trim();
+    return r;
+  }
+
+  std::uint32_t limb[kCapacity];
+  int numLimbs;
+  bool bNegative;
+};
+
+// The published determinants over differences d to the last point, in any
+// arithmetic. Orders: d = {ax, bx, ay, by} with the planar ones and
+// {ax, bx, cx, ay, by, cy, az, bz, cz} (orient3d, incircle's x and y) or
+// {ax, bx, cx, dx, ay, by, cy, dy, az, bz, cz, dz} (insphere).
+template <class T> T orient2dOf(const T* d) { return d[0] * d[3] - d[2] * d[1]; }
+
+template <class T> T orient3dOf(const T* d) {
+  return d[6] * (d[1] * d[5] - d[2] * d[4]) + d[7] * (d[2] * d[3] - d[0] * d[5]) +
+         d[8] * (d[0] * d[4] - d[1] * d[3]);
+}
+
+template <class T> T incircleOf(const T* d) {
+  const T alift = d[0] * d[0] + d[3] * d[3], blift = d[1] * d[1] + d[4] * d[4];
+  const T clift = d[2] * d[2] + d[5] * d[5];
+  return alift * (d[1] * d[5] - d[2] * d[4]) + blift * (d[2] * d[3] - d[0] * d[5]) +
+         clift * (d[0] * d[4] - d[1] * d[3]);
+}
+
+template <class T> T insphereOf(const T* d) {
+  const T &aex = d[0], &bex = d[1], &cex = d[2], &dex = d[3];
+  const T &aey = d[4], &bey = d[5], &cey = d[6], &dey = d[7];
+  const T &aez = d[8], &bez = d[9], &cez = d[10], &dez = d[11];
+  const T ab = aex * bey - bex * aey, bc = bex * cey - cex * bey;
+  const T cd = cex * dey - dex * cey, da = dex * aey - aex * dey;
+  const T ac = aex * cey - cex * aey, bd = bex * dey - dex * bey;
+  const T abc = aez * bc - bez * ac + cez * ab, bcd = bez * cd - cez * bd + dez * bc;
+  const T cda = cez * da + dez * ac + aez * cd, dab = dez * ab + aez * bd + bez * da;
+  const T alift = aex * aex + aey * aey + aez * aez, blift = bex * bex + bey * bey + bez * bez;
+  const T clift = cex * cex + cey * cey + cez * cez, dlift = dex * dex + dey * dey + dez * dez;
+  return (dlift * abc - clift * dab) + (blift * cda - alift * bcd);
+}
+
+enum PredicateKind { ORIENT2D, INCIRCLE, ORIENT3D, INSPHERE };
+
+// The sign of a published determinant of numPts points of dim coordinates
+// (pts[0..numPts-1], differences to the last one), by scaling or by integer
+// arithmetic; as a double of that sign. The scaled way returns the published
+// predicate's value scaled back (a nonzero one that would underflow stays the
+// smallest subnormal). Non-finite coordinates give 0.
+double anyRangeSign(const ExactTest& t, PredicateKind kind, double* const* pts) {
+  const int numPts = (kind == ORIENT2D) ? 3 : (kind == INSPHERE ? 5 : 4);
+  const int dim = (kind == ORIENT2D || kind == INCIRCLE) ? 2 : 3;
+  const int degree = kind == ORIENT2D ? 2 : (kind == ORIENT3D ? 3 : (kind == INCIRCLE ? 4 : 5));
+  int lowExp = INT_MAX, highExp = INT_MIN, lowBit = INT_MAX;
+  for (int i = 0; i < numPts; ++i)
+    for (int k = 0; k < dim; ++k) {
+      const double v = pts[i][k];
+      if (!std::isfinite(v)) return 0.0;
+      if (v == 0.0) continue;
+      int e;
+      const std::uint64_t m =
+          static_cast<std::uint64_t>(std::ldexp(std::frexp(std::fabs(v), &e), 53));
+      lowExp = std::min(lowExp, e - 1);
+      highExp = std::max(highExp, e - 1);
+      int low = e - 53;
+      for (std::uint64_t r = m; (r & 1u) == 0; r >>= 1) ++low;
+      lowBit = std::min(lowBit, low);
+    }
+  if (lowExp == INT_MAX) return 0.0;  // all coordinates 0
+
+  if (highExp - lowExp <= kRangeHighExp - kRangeLowExp) {
+    const int k = kRangeLowExp - lowExp;
+    double scaled[5][3];
+    double* p[5];
+    for (int i = 0; i < numPts; ++i) {
+      for (int j = 0; j < dim; ++j) scaled[i][j] = std::ldexp(pts[i][j], k);
+      p[i] = scaled[i];
+    }
+    double value;
+    switch (kind) {
+    case ORIENT2D: value = t.orient2d(p[0], p[1], p[2]); break;
+    case INCIRCLE: value = t.incircle(p[0], p[1], p[2], p[3]); break;
+    case ORIENT3D: value = t.orient3d(p[0], p[1], p[2], p[3]); break;
+    default: {
+      double det, permanent, floor;
+      ExactTest::insphereFilter(p[0], p[1], p[2], p[3], p[4], det, permanent, floor);
+      if (!ExactTest::filterDecides(det, t.isperrboundA * permanent + floor, permanent)) {
+        const unsigned int cls = t.insphereadapt(p[0], p[1], p[2], p[3], p[4], permanent);
+        det = cls == 1u ? 1.0 : (cls == 0u ? -1.0 : 0.0);
+      }
+      return det;
+    }
+    }
+    const double unscaled = std::ldexp(value, -degree * k);
+    if (unscaled == 0.0 && value != 0.0)
+      return std::copysign(std::numeric_limits<double>::denorm_min(), value);
+    return unscaled;
+  }
+
+  ExactInteger d[12];
+  const int last = numPts - 1;
+  for (int k = 0; k < dim; ++k) {
+    const ExactInteger origin = ExactInteger::fromDouble(pts[last][k], lowBit);
+    for (int i = 0; i < last; ++i)
+      d[k * last + i] = ExactInteger::fromDouble(pts[i][k], lowBit) - origin;
+  }
+  ExactInteger det;
+  switch (kind) {
+  case ORIENT2D: det = orient2dOf(d); break;
+  case INCIRCLE: det = incircleOf(d); break;
+  case ORIENT3D: det = orient3dOf(d); break;
+  default: det = insphereOf(d); break;
+  }
+  return det.toDouble(degree * lowBit);
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
 // Planar predicates.
 
 double orient2dfast(double* pa, double* pb, double* pc) {
@@ -404,6 +686,11 @@ double orient2dfast(double* pa, double* pb, double* pc) {
 }
 
 double ExactTest::orient2dadapt(double* pa, double* pb, double* pc, double detsum) const {
+  const double coords[6] = {pa[0], pa[1], pb[0], pb[1], pc[0], pc[1]};
+  if (!inPublishedRange(coords, 6)) {
+    double* const pts[3] = {pa, pb, pc};
+    return anyRangeSign(*this, ORIENT2D, pts);
+  }
   const double acx = pa[0] - pc[0], bcx = pb[0] - pc[0];
   const double acy = pa[1] - pc[1], bcy = pb[1] - pc[1];
   double detleft, detlefttail, detright, detrighttail;
@@ -448,8 +735,10 @@ double ExactTest::orient2dadapt(double* pa, double* pb, double* pc, double detsu
 }
 
 double ExactTest::orient2d(double* pa, double* pb, double* pc) const {
-  const double detleft = (pa[0] - pc[0]) * (pb[1] - pc[1]);
-  const double detright = (pa[1] - pc[1]) * (pb[0] - pc[0]);
+  const double acx = pa[0] - pc[0], bcy = pb[1] - pc[1];
+  const double acy = pa[1] - pc[1], bcx = pb[0] - pc[0];
+  const double detleft = acx * bcy;
+  const double detright = acy * bcx;
   const double det = detleft - detright;
   double detsum;
   if (detleft > 0.0) {
@@ -459,10 +748,16 @@ double ExactTest::orient2d(double* pa, double* pb, double* pc) const {
     if (detright >= 0.0) return det;
     detsum = -detleft - detright;
   } else {
-    return det;
+    // A product rounds to 0 from nonzero factors only below 2^-1075; a
+    // nonzero other product is then larger and its sign decides. Two zeros
+    // decide only when each is an exact one.
+    if (detright != 0.0 || ((acx == 0.0 || bcy == 0.0) && (acy == 0.0 || bcx == 0.0))) return det;
+    detsum = 0.0;
   }
-  const double errbound = ccwerrboundA * detsum;
-  if ((det >= errbound) || (-det >= errbound)) return det;
+  // Two products below the normal range cost at most 2^-1074; a sum that
+  // can have overflowed decides nothing.
+  const double errbound = ccwerrboundA * detsum + 0x1p-1072;
+  if (((det >= errbound) || (-det >= errbound)) && detsum <= 0x1p1020) return det;
   return orient2dadapt(pa, pb, pc, detsum);
 }
 
@@ -493,6 +788,11 @@ inline void minor2(double x1, double y2, double x2, double y1, double* m, double
 
 double ExactTest::incircleadapt(double* pa, double* pb, double* pc, double* pd,
                                 double permanent) const {
+  const double coords[8] = {pa[0], pa[1], pb[0], pb[1], pc[0], pc[1], pd[0], pd[1]};
+  if (!inPublishedRange(coords, 8)) {
+    double* const pts[4] = {pa, pb, pc, pd};
+    return anyRangeSign(*this, INCIRCLE, pts);
+  }
   const double adx = pa[0] - pd[0], bdx = pb[0] - pd[0], cdx = pc[0] - pd[0];
   const double ady = pa[1] - pd[1], bdy = pb[1] - pd[1], cdy = pc[1] - pd[1];
 
@@ -746,8 +1046,11 @@ double ExactTest::incircle(double* pa, double* pb, double* pc, double* pd) const
   const double permanent = (std::fabs(bdxcdy) + std::fabs(cdxbdy)) * alift +
                            (std::fabs(cdxady) + std::fabs(adxcdy)) * blift +
                            (std::fabs(adxbdy) + std::fabs(bdxady)) * clift;
-  const double errbound = iccerrboundA * permanent;
-  if ((det > errbound) || (-det > errbound)) return det;
+  // Underflow costs at most 2^-1075 (24 L + 3), L the largest lift: six
+  // products through a lift, six squares through a minor, three last ones.
+  const double maxLift = std::max(std::max(alift, blift), clift);
+  const double errbound = iccerrboundA * permanent + (maxLift + 1.0) * 0x1p-1068;
+  if (filterDecides(det, errbound, permanent)) return det;
   return incircleadapt(pa, pb, pc, pd, permanent);
 }
 
@@ -764,6 +1067,15 @@ double orient3dfast(double* pa, double* pb, double* pc, double* pd) {
 
 double ExactTest::orient3dadapt(double* pa, double* pb, double* pc, double* pd,
                                 double permanent) const {
+  const double coords[12] = {pa[0], pa[1], pa[2], pb[0], pb[1], pb[2],
+                             pc[0], pc[1], pc[2], pd[0], pd[1], pd[2]};
+  if (!inPublishedRange(coords, 12)) {
+    double* const pts[4] = {pa, pb, pc, pd};
+    return anyRangeSign(*this, ORIENT3D, pts);
+  }
+  // In the range no product underflows, so a zero permanent is an exact
+  // zero of every term (coplanar points on an axis plane, a grid's layers).
+  if (permanent == 0.0) return 0.0;
   const double adx = pa[0] - pd[0], bdx = pb[0] - pd[0], cdx = pc[0] - pd[0];
   const double ady = pa[1] - pd[1], bdy = pb[1] - pd[1], cdy = pc[1] - pd[1];
   const double adz = pa[2] - pd[2], bdz = pb[2] - pd[2], cdz = pc[2] - pd[2];
@@ -918,10 +1230,9 @@ double ExactTest::orient3dadapt(double* pa, double* pb, double* pc, double* pd,
 }
 
 double ExactTest::orient3d(double* pa, double* pb, double* pc, double* pd) const {
-  double det, permanent;
-  orient3dFilter(pa, pb, pc, pd, det, permanent);
-  const double errbound = o3derrboundA * permanent;
-  if ((det > errbound) || (-det > errbound)) return det;
+  double det, permanent, floor;
+  orient3dFilter(pa, pb, pc, pd, det, permanent, floor);
+  if (filterDecides(det, o3derrboundA * permanent + floor, permanent)) return det;
   return orient3dadapt(pa, pb, pc, pd, permanent);
 }
 
@@ -930,8 +1241,8 @@ double ExactTest::orient3d(double* pa, double* pb, double* pc, double* pd) const
 
 double inspherefast(double* pa, double* pb, double* pc, double* pd, double* pe) {
   // The filter's determinant is the plain one; its permanent is not needed.
-  double det, permanent;
-  ExactTest::insphereFilter(pa, pb, pc, pd, pe, det, permanent);
+  double det, permanent, floor;
+  ExactTest::insphereFilter(pa, pb, pc, pd, pe, det, permanent, floor);
   return det;
 }
 
@@ -1112,6 +1423,12 @@ unsigned int pairInsphere(const double* h, const double* t, bool bTails, double 
 
 unsigned int ExactTest::insphereexact(double* pa, double* pb, double* pc, double* pd,
                                       double* pe) const {
+  const double coords[15] = {pa[0], pa[1], pa[2], pb[0], pb[1], pb[2], pc[0], pc[1],
+                             pc[2], pd[0], pd[1], pd[2], pe[0], pe[1], pe[2]};
+  if (!inPublishedRange(coords, 15)) {
+    double* const pts[5] = {pa, pb, pc, pd, pe};
+    return signClass(anyRangeSign(*this, INSPHERE, pts));
+  }
   // Two-by-two minors of the absolute coordinates, x of the first point.
   double ab[4], bc[4], cd[4], de[4], ea[4], ac[4], bd[4], ce[4], da[4], eb[4];
   minor2(pa[0], pb[1], pb[0], pa[1], ab, splitter);
@@ -1184,6 +1501,12 @@ unsigned int ExactTest::insphereexact(double* pa, double* pb, double* pc, double
 
 unsigned int ExactTest::insphereadapt(double* pa, double* pb, double* pc, double* pd, double* pe,
                                       double permanent) const {
+  const double coords[15] = {pa[0], pa[1], pa[2], pb[0], pb[1], pb[2], pc[0], pc[1],
+                             pc[2], pd[0], pd[1], pd[2], pe[0], pe[1], pe[2]};
+  if (!inPublishedRange(coords, 15)) {
+    double* const pts[5] = {pa, pb, pc, pd, pe};
+    return signClass(anyRangeSign(*this, INSPHERE, pts));
+  }
   const double aex = pa[0] - pe[0], bex = pb[0] - pe[0], cex = pc[0] - pe[0], dex = pd[0] - pe[0];
   const double aey = pa[1] - pe[1], bey = pb[1] - pe[1], cey = pc[1] - pe[1], dey = pd[1] - pe[1];
   const double aez = pa[2] - pe[2], bez = pb[2] - pe[2], cez = pc[2] - pe[2], dez = pd[2] - pe[2];
@@ -1209,8 +1532,8 @@ unsigned int ExactTest::insphereadapt(double* pa, double* pb, double* pc, double
 
   const double heads[12] = {aex, bex, cex, dex, aey, bey, cey, dey, aez, bez, cez, dez};
   if (bExactDifferences && permanent < 9007199254740992.0 && allSmallIntegers(heads, 12)) {
-    double plainDet, plainPermanent;
-    insphereFilter(pa, pb, pc, pd, pe, plainDet, plainPermanent);
+    double plainDet, plainPermanent, plainFloor;
+    insphereFilter(pa, pb, pc, pd, pe, plainDet, plainPermanent, plainFloor);
     return signClass(plainDet);
   }
   const double tails[12] = {aextail, bextail, cextail, dextail, aeytail, beytail,
@@ -1302,10 +1625,9 @@ unsigned int ExactTest::insphereadapt(double* pa, double* pb, double* pc, double
 }
 
 double ExactTest::insphere(double* pa, double* pb, double* pc, double* pd, double* pe) const {
-  double det, permanent;
-  insphereFilter(pa, pb, pc, pd, pe, det, permanent);
-  const double errbound = isperrboundA * permanent;
-  if ((det > errbound) || (-det > errbound)) return det;
+  double det, permanent, floor;
+  insphereFilter(pa, pb, pc, pd, pe, det, permanent, floor);
+  if (filterDecides(det, isperrboundA * permanent + floor, permanent)) return det;
   // The adaptive path answers a class (1, 0 or 2), not a signed value.
   return static_cast<double>(insphereadapt(pa, pb, pc, pd, pe, permanent));
 }

@@ -20,11 +20,20 @@
 //  - sphereInclusionTest(tet,q) is SIC_INSIDE when q lies strictly inside the
 //    circumsphere of a positively oriented tet; a cospherical q is OUTSIDE.
 //
+// Every test is exact for all finite doubles. The published stages are exact
+// only while no product leaves the normal range of doubles; the filters here
+// say so in their bounds (a floor for what underflow can cost, a ceiling on
+// the permanent against overflow), and the adaptive stages hand input that
+// lies outside the published range to an evaluation that holds for any
+// finite coordinates (see BrixTest3.cpp). NaN and infinite coordinates are
+// outside what the tests decide: the answer is then meaningless but defined.
+//
 // An ExactTest holds only the fifteen constants that exactinit measures; it
 // is read-only after construction, and all scratch lives on the caller's
 // stack (the exact sphere test takes about 210 KB of it).
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -293,18 +302,27 @@ public:
   // Whether pQ lies strictly inside the circumsphere of pTet.
   inline SphereInclusion sphereInclusionTest(Tet3* pTet, const Point3* pQ) const;
 
-  // The determinant and permanent of the orientation filter.
+  // The determinant and permanent of the orientation filter, and its floor:
+  // a bound on what products that fell below the normal range can have cost.
   static inline void orient3dFilter(const double* pa, const double* pb, const double* pc,
-                                    const double* pd, double& det, double& permanent);
-  // The determinant and permanent of the sphere test's filter; the SSE2
-  // form computes the same bits two terms at a time.
+                                    const double* pd, double& det, double& permanent,
+                                    double& floor);
+  // The same three values for the sphere test's filter; the SSE2 form
+  // computes the same bits two terms at a time.
   static inline void insphereFilter(const double* pa, const double* pb, const double* pc,
-                                    const double* pd, const double* pe, double& det, double& permanent);
+                                    const double* pd, const double* pe, double& det,
+                                    double& permanent, double& floor);
 #if defined(__SSE2__)
   static inline void insphereFilterSse2(const double* pa, const double* pb, const double* pc,
                                         const double* pd, const double* pe, double& det,
-                                        double& permanent);
+                                        double& permanent, double& floor);
 #endif
+  // Whether a filter's det has a certain sign: |det| beyond errbound (the
+  // published bound plus the floor), and the permanent finite and small
+  // enough that no product or partial sum can have overflowed (a NaN fails).
+  static inline bool filterDecides(double det, double errbound, double permanent) {
+    return (det > errbound || -det > errbound) && permanent <= 0x1p1020;
+  }
 
   double orient3d(double* pa, double* pb, double* pc, double* pd) const;
   double orient3dadapt(double* pa, double* pb, double* pc, double* pd, double permanent) const;
@@ -359,9 +377,16 @@ double incirclefast(double* pa, double* pb, double* pc, double* pd);
 // The filters. They stand in the header so that the insertion's hot loops
 // inline them; only the undecided cases leave for the adaptive stages.
 
-// The published orient3d determinant and its permanent, in double.
+// The published orient3d determinant and its permanent, in double. A product
+// that falls below the normal range errs by up to 2^-1075 absolutely, beyond
+// the relative bound of the publication; carried through the products that
+// follow, the six two-fold products cost at most 2^-1074 |z| each and the
+// three three-fold ones 2^-1075 each. The floor covers that with room for
+// its own rounding; for input of ordinary magnitude it is far below the
+// published bound and changes no decision.
 inline void ExactTest::orient3dFilter(const double* pa, const double* pb, const double* pc,
-                                      const double* pd, double& det, double& permanent) {
+                                      const double* pd, double& det, double& permanent,
+                                      double& floor) {
   const double adx = pa[0] - pd[0], bdx = pb[0] - pd[0], cdx = pc[0] - pd[0];
   const double ady = pa[1] - pd[1], bdy = pb[1] - pd[1], cdy = pc[1] - pd[1];
   const double adz = pa[2] - pd[2], bdz = pb[2] - pd[2], cdz = pc[2] - pd[2];
@@ -372,6 +397,7 @@ inline void ExactTest::orient3dFilter(const double* pa, const double* pb, const 
   permanent = (std::fabs(bdxcdy) + std::fabs(cdxbdy)) * std::fabs(adz) +
               (std::fabs(cdxady) + std::fabs(adxcdy)) * std::fabs(bdz) +
               (std::fabs(adxbdy) + std::fabs(bdxady)) * std::fabs(cdz);
+  floor = (((std::fabs(adz) + std::fabs(bdz)) + std::fabs(cdz)) + 2.0) * 0x1p-1072;
 }
 
 inline Orientation3 ExactTest::getOrientation3(const Point3* a, const Point3* b, const Point3* c,
@@ -382,10 +408,10 @@ inline Orientation3 ExactTest::getOrientation3(const Point3* a, const Point3* b,
   c->xyz(pc[0], pc[1], pc[2]);
   d->xyz(pd[0], pd[1], pd[2]);
 
-  double det, permanent;
-  orient3dFilter(pa, pb, pc, pd, det, permanent);
-  const double errbound = o3derrboundA * permanent;
-  if (errbound > det && errbound > -det) det = orient3dadapt(pa, pb, pc, pd, permanent);
+  double det, permanent, floor;
+  orient3dFilter(pa, pb, pc, pd, det, permanent, floor);
+  const double errbound = o3derrboundA * permanent + floor;
+  if (!filterDecides(det, errbound, permanent)) det = orient3dadapt(pa, pb, pc, pd, permanent);
   // The published determinant is negative when d sees a, b, c counterclockwise.
   if (det < 0.0) return ORIENTATION3_POSITIVE;
   if (det > 0.0) return ORIENTATION3_NEGATIVE;
@@ -411,18 +437,18 @@ inline SphereInclusion ExactTest::sphereInclusionTest(Tet3* pTet, const Point3* 
   pTet->getCorner(3)->xyz(pd[0], pd[1], pd[2]);
   pQ->xyz(pe[0], pe[1], pe[2]);
 
-  double det, permanent;
+  double det, permanent, floor;
 #if defined(__SSE2__)
-  insphereFilterSse2(pa, pb, pc, pd, pe, det, permanent);
+  insphereFilterSse2(pa, pb, pc, pd, pe, det, permanent, floor);
 #else
-  insphereFilter(pa, pb, pc, pd, pe, det, permanent);
+  insphereFilter(pa, pb, pc, pd, pe, det, permanent, floor);
 #endif
-  const double errbound = isperrboundA * permanent;
+  const double errbound = isperrboundA * permanent + floor;
   // Decided only when |det| exceeds the bound, as published. A query with
-  // the coordinates of a corner zeroes a row of the determinant, so det,
-  // permanent and errbound are all 0 and it lands here as undecided: by
-  // pointer it is that corner, otherwise insphereadapt classifies it.
-  if (!(det > errbound || -det > errbound)) {
+  // the coordinates of a corner zeroes a row of the determinant, so det and
+  // permanent are 0 and it lands here as undecided: by pointer it is that
+  // corner, otherwise insphereadapt classifies it.
+  if (!filterDecides(det, errbound, permanent)) {
     if (pTet->getCorner(0) == pQ || pTet->getCorner(1) == pQ || pTet->getCorner(2) == pQ ||
         pTet->getCorner(3) == pQ)
       return SIC_CORNER;
@@ -433,10 +459,16 @@ inline SphereInclusion ExactTest::sphereInclusionTest(Tet3* pTet, const Point3* 
   return det > 0.0 ? SIC_OUTSIDE : SIC_INSIDE;
 }
 
-// The published insphere determinant and its permanent, in double.
+// The published insphere determinant and its permanent, in double, and the
+// floor for products below the normal range. With M the largest difference
+// and L the largest lift (M^2 <= L <= 3 M^2), underflow costs at most
+// 2^-1075 (96 L^1.5 + 12 L + 4) <= 2^-1075 * 112 (1 + L^2): twelve two-fold
+// products carried through a z and a lift twice each, twelve three-fold
+// ones through a lift, twelve squares through a three-fold minor, and the
+// four last products. The floor, 2^-1064 (1 + L^2), has room to spare.
 inline void ExactTest::insphereFilter(const double* pa, const double* pb, const double* pc,
                                       const double* pd, const double* pe, double& det,
-                                      double& permanent) {
+                                      double& permanent, double& floor) {
   const double aex = pa[0] - pe[0], bex = pb[0] - pe[0], cex = pc[0] - pe[0], dex = pd[0] - pe[0];
   const double aey = pa[1] - pe[1], bey = pb[1] - pe[1], cey = pc[1] - pe[1], dey = pd[1] - pe[1];
   const double aez = pa[2] - pe[2], bez = pb[2] - pe[2], cez = pc[2] - pe[2], dez = pd[2] - pe[2];
@@ -476,6 +508,8 @@ inline void ExactTest::insphereFilter(const double* pa, const double* pb, const 
                (dexaeyplus + aexdeyplus) * bezplus) * clift +
               ((bexceyplus + cexbeyplus) * aezplus + (cexaeyplus + aexceyplus) * bezplus +
                (aexbeyplus + bexaeyplus) * cezplus) * dlift;
+  const double maxLift = std::max(std::max(alift, blift), std::max(clift, dlift));
+  floor = (maxLift * maxLift + 1.0) * 0x1p-1064;
 }
 
 #if defined(__SSE2__)
@@ -485,7 +519,7 @@ inline void ExactTest::insphereFilter(const double* pa, const double* pb, const 
 // used to pair the terms.
 inline void ExactTest::insphereFilterSse2(const double* pa, const double* pb, const double* pc,
                                           const double* pd, const double* pe, double& det,
-                                          double& permanent) {
+                                          double& permanent, double& floor) {
   const __m128d ex = _mm_set1_pd(pe[0]), ey = _mm_set1_pd(pe[1]), ez = _mm_set1_pd(pe[2]);
   // Lanes (a,b) and (c,d) of the differences to e.
   const __m128d xAB = _mm_sub_pd(_mm_set_pd(pb[0], pa[0]), ex);
@@ -545,6 +579,10 @@ inline void ExactTest::insphereFilterSse2(const double* pa, const double* pb, co
   const __m128d pAB = _mm_mul_pd(termAB, liftAB), pCD = _mm_mul_pd(termCD, liftCD);
   permanent = ((_mm_cvtsd_f64(pAB) + _mm_cvtsd_f64(_mm_unpackhi_pd(pAB, pAB))) + _mm_cvtsd_f64(pCD)) +
               _mm_cvtsd_f64(_mm_unpackhi_pd(pCD, pCD));
+  // Lifts are never NaN (sums of squares), so the order of max is free.
+  const __m128d lifts = _mm_max_pd(liftAB, liftCD);
+  const double maxLift = _mm_cvtsd_f64(_mm_max_sd(lifts, _mm_unpackhi_pd(lifts, lifts)));
+  floor = (maxLift * maxLift + 1.0) * 0x1p-1064;
 }
 #endif
 

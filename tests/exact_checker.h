@@ -1,10 +1,10 @@
 // exact_checker.h: an independent exact check of a Delaunay tetrahedral mesh.
 //
 // Nothing here uses the library's predicates. A determinant is evaluated in
-// double first and decided there only when its value exceeds a bound on the
-// rounding error that is about a thousand times Shewchuk's, and nothing under-
-// or overflowed; otherwise it is evaluated again in GMP rationals, which hold
-// every input double exactly.
+// double first and decided there only when every difference is of ordinary
+// magnitude and the value exceeds a bound on the rounding error that is
+// about a thousand times Shewchuk's; otherwise it is evaluated again in GMP
+// rationals, which hold every input double exactly.
 //
 // Sign conventions (geometric words):
 //  - orient(a,b,c,d) > 0 when d lies on the side of the plane through a,b,c
@@ -21,6 +21,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <initializer_list>
 #include <map>
 #include <random>
 #include <set>
@@ -75,6 +76,16 @@ template <class T> T lifted(const Point3* const p[4], const Point3& e, double* p
 
 inline int sign(double v) { return (v > 0) - (v < 0); }
 
+// Whether every entry of the rows is 0 or of magnitude in [low, 1e40]: with
+// low^degree above 1e-306, no product of `degree` of them leaves the normal
+// range, and the double evaluation errs only relatively.
+inline bool ordinary(std::initializer_list<Row<double>> vRows, double low) {
+  for (const Row<double>& r : vRows)
+    for (double c : r)
+      if (c != 0.0 && !(std::fabs(c) >= low && std::fabs(c) <= 1e40)) return false;
+  return true;
+}
+
 // Decides in double when the value is clearly apart from zero, else -2.
 inline int filtered(double det, double perm) {
   if (std::isfinite(perm) && perm > 1e-250 && std::fabs(det) > 1e-12 * perm) return sign(det);
@@ -83,15 +94,22 @@ inline int filtered(double det, double perm) {
 
 inline int orient(const Point3& a, const Point3& b, const Point3& c, const Point3& d) {
   const Row<double> u = diff<double>(b, a), v = diff<double>(c, a), w = diff<double>(d, a);
-  const int s = filtered(det3(u, v, w), perm3(u, v, w));
-  return s != -2 ? s : sgn(det3(diff<mpq_class>(b, a), diff<mpq_class>(c, a), diff<mpq_class>(d, a)));
+  if (ordinary({u, v, w}, 1e-100)) {
+    const int s = filtered(det3(u, v, w), perm3(u, v, w));
+    if (s != -2) return s;
+  }
+  return sgn(det3(diff<mpq_class>(b, a), diff<mpq_class>(c, a), diff<mpq_class>(d, a)));
 }
 
 inline int liftedSign(const Point3* const p[4], const Point3& e) {
-  double perm;
-  const double det = lifted<double>(p, e, &perm);
-  const int s = filtered(det, perm);
-  return s != -2 ? s : sgn(lifted<mpq_class>(p, e, nullptr));
+  const Row<double> r[4] = {diff<double>(*p[0], e), diff<double>(*p[1], e), diff<double>(*p[2], e), diff<double>(*p[3], e)};
+  if (ordinary({r[0], r[1], r[2], r[3]}, 1e-61)) {
+    double perm = 0.0;
+    const double det = lifted<double>(p, e, &perm);  // sets perm first
+    const int s = filtered(det, perm);
+    if (s != -2) return s;
+  }
+  return sgn(lifted<mpq_class>(p, e, nullptr));
 }
 
 inline bool strictlyInsideSphere(const Point3* const p[4], const Point3& e) {

@@ -24,13 +24,18 @@ using namespace VELM3D;
 
 namespace {
 
-// Exact integer images of n doubles: all of them times one power of two, which
-// keeps the sign of every homogeneous determinant of them.
+// Exact integer images of n finite doubles: all of them times one power of
+// two, which keeps the sign of every homogeneous determinant of them. Each
+// is its 53-bit mantissa shifted in GMP, so any mix of magnitudes fits.
 void toIntegers(const double* v, int n, mpz_class* z) {
   int emin = INT_MAX;
   for (int i = 0; i < n; ++i)
     if (v[i] != 0.0) emin = std::min(emin, std::ilogb(v[i]) - 52);
-  for (int i = 0; i < n; ++i) z[i] = mpz_class(std::ldexp(v[i], -emin));
+  for (int i = 0; i < n; ++i) {
+    int e;
+    z[i] = mpz_class(std::ldexp(std::frexp(v[i], &e), 53));
+    if (v[i] != 0.0) mpz_mul_2exp(z[i].get_mpz_t(), z[i].get_mpz_t(), e - 53 - emin);
+  }
 }
 
 using Pts = double[5][3];
@@ -83,16 +88,25 @@ std::vector<std::array<int, 3>> latticeSphere(int n, int dim) {
 // point of a kind (on the line, plane, circle or sphere, or a copy) is made
 // last; all but a copy are then shuffled.
 enum Kind {
-  RANDOM, FLOAT_FLAT, LATTICE_FLAT, WIDE_FLAT, LATTICE_ROUND, WIDE_ROUND, FLOAT_ROUND, COINCIDENT
+  RANDOM, FLOAT_FLAT, LATTICE_FLAT, WIDE_FLAT, LATTICE_ROUND, WIDE_ROUND, FLOAT_ROUND, COINCIDENT,
+  STEEP_FLAT
 };
 
 class Cases {
 public:
   explicit Cases(int dim) : dim(dim), rng(12345), sphere(latticeSphere(dim == 3 ? 4225 : 5525, dim)) {}
 
+  // Binary exponents of the WIDE kinds' magnitudes, lowest and highest.
+  void setWideExponents(int low, int high) {
+    wideLow = low;
+    wideHigh = high;
+  }
+
   // offset: added to all coordinates; scale: a power of two multiplying the
-  // lattice; numUlps: largest perturbation of one coordinate (0: none).
-  void make(Kind kind, Pts p, int n, double offset = 0.0, double scale = 1.0, int numUlps = 0) {
+  // lattice; numUlps: largest perturbation of one coordinate (0: none), a
+  // zero one too when bNudgeZeros (it becomes subnormal).
+  void make(Kind kind, Pts p, int n, double offset = 0.0, double scale = 1.0, int numUlps = 0,
+            bool bNudgeZeros = false) {
     std::fill(&p[0][0], &p[0][0] + 15, 0.0);
     if (kind == RANDOM || kind == COINCIDENT) {
       for (int i = 0; i < n; ++i)
@@ -114,6 +128,13 @@ public:
         p[i][0] = wide();
         p[i][1] = sign * p[i][0];
         if (dim == 3) p[i][2] = wide();
+      }
+    } else if (kind == STEEP_FLAT) {  // on z = 2^800 (x + 3y): x y products subnormal, z huge
+      for (int i = 0; i < n; ++i) {
+        const int u = irand(127) - 63, v = irand(127) - 63;
+        p[i][0] = std::ldexp(u, -540);
+        p[i][1] = std::ldexp(v, -540);
+        if (dim == 3) p[i][2] = std::ldexp(u + 3 * v, 260);
       }
     } else if (kind == WIDE_ROUND) {  // signed permutations of one point: wide magnitudes
       const double base[3] = {wide(), wide(), wide()};
@@ -148,10 +169,10 @@ public:
       for (int i = 0; i < n; ++i)
         for (int k = 0; k < dim; ++k) p[i][k] = p[i][k] * scale + offset;
     }
-    if (numUlps > 0) {  // a zero would become subnormal: pick a nonzero one
+    if (numUlps > 0) {  // a zero becomes subnormal: only when asked for
       double* pv;
       do pv = &p[irand(n)][irand(dim)];
-      while (*pv == 0.0);
+      while (*pv == 0.0 && !bNudgeZeros);
       double& v = *pv;
       const double dir = (rng() & 1) ? INFINITY : -INFINITY;
       for (int i = 1 + irand(numUlps); i > 0; --i) v = std::nextafter(v, dir);
@@ -161,8 +182,8 @@ public:
 
 private:
   int irand(int n) { return static_cast<int>(rng() % static_cast<unsigned>(n)); }
-  double wide() { return std::ldexp(uni(rng), irand(61) - 30); }
-  int dim;
+  double wide() { return std::ldexp(uni(rng), wideLow + irand(wideHigh - wideLow + 1)); }
+  int dim, wideLow = -30, wideHigh = 30;
   std::mt19937_64 rng;
   std::uniform_real_distribution<double> uni{-1.0, 1.0};
   std::vector<std::array<int, 3>> sphere;
@@ -173,6 +194,7 @@ struct Regime {
   int count;
   double offset, scale;
   int numUlps;
+  bool bNudgeZeros = false;
 };
 
 // Random input for the filters; near-degenerate float and lattice input for
@@ -315,69 +337,130 @@ TEST(PlanarPredicates, SignsInGeometricWords) {
   EXPECT_GT(incirclefast(a, b, c, mid), 0.0);
 }
 
-TEST(Differential, OrientationAgreesWithExactDeterminants) {
-  ExactTest t;
-  Cases cases(3);
-  Pts p;
-  for (const Regime& r : vRegimes3) {
-    int numWrong = 0;
-    for (int i = 0; i < r.count; ++i) {
-      cases.make(r.kind, p, 4, r.offset, r.scale, r.numUlps);
-      Point3 q[4] = {{p[0][0], p[0][1], p[0][2]}, {p[1][0], p[1][1], p[1][2]},
-                     {p[2][0], p[2][1], p[2][2]}, {p[3][0], p[3][1], p[3][2]}};
-      if (t.getOrientation3(&q[0], &q[1], &q[2], &q[3]) != oriOfSign[1 + exactSign(p, 4, 3, false)])
-        ++numWrong;
-    }
-    EXPECT_EQ(numWrong, 0) << "kind " << r.kind << " offset " << r.offset << " scale " << r.scale;
-  }
-}
+namespace {
 
-TEST(Differential, SphereInclusionAgreesWithExactDeterminants) {
-  ExactTest t;
-  Cases cases(3);
+enum Predicate { ORIENT3, SPHERE, ORIENT2, INCIRCLE };
+
+struct Verdict {
+  int numWrong = 0, numTested = 0;
+};
+
+// Runs `count` cases of a regime through one predicate against the exact sign.
+// The sphere test is asked only of cases whose first four points are not
+// coplanar, put into positive order.
+Verdict run(Predicate what, Cases& cases, const Regime& r, int count) {
+  static const ExactTest t;
   BRIX_TOOLS::SimplePool<Tet3> pool;
   pool.init(4, 4);
   Tet3* pTet = pool.nextObject();
+  const int n = what == ORIENT2 ? 3 : (what == SPHERE ? 5 : 4);
+  Verdict v;
   Pts p;
-  for (const Regime& r : vRegimesSphere) {
-    int numWrong = 0, numTested = 0;
-    for (int i = 0; i < r.count; ++i) {
-      cases.make(r.kind, p, 5, r.offset, r.scale, r.numUlps);
+  for (int i = 0; i < count; ++i) {
+    cases.make(r.kind, p, n, r.offset, r.scale, r.numUlps, r.bNudgeZeros);
+    bool bRight = true;
+    if (what == ORIENT3) {
+      Point3 q[4] = {{p[0][0], p[0][1], p[0][2]}, {p[1][0], p[1][1], p[1][2]},
+                     {p[2][0], p[2][1], p[2][2]}, {p[3][0], p[3][1], p[3][2]}};
+      const int exact = exactSign(p, 4, 3, false);
+      bRight = t.getOrientation3(&q[0], &q[1], &q[2], &q[3]) == oriOfSign[1 + exact] &&
+               signOf(t.orient3d(p[0], p[1], p[2], p[3])) == exact;
+    } else if (what == SPHERE) {
       const int ori = exactSign(p, 4, 3, false);
       if (ori == 0) continue;
       if (ori > 0) std::swap(p[0], p[1]);  // corners in positive order
       Point3 q[5];
       for (int k = 0; k < 5; ++k) q[k] = Point3(p[k][0], p[k][1], p[k][2]);
       pTet->setProperties(&q[0], &q[1], &q[2], &q[3]);
-      const SphereInclusion want = exactSign(p, 5, 3, true) < 0 ? SIC_INSIDE : SIC_OUTSIDE;
-      if (t.sphereInclusionTest(pTet, &q[4]) != want) ++numWrong;
-      ++numTested;
+      const int lifted = exactSign(p, 5, 3, true);
+      bRight = t.sphereInclusionTest(pTet, &q[4]) == (lifted < 0 ? SIC_INSIDE : SIC_OUTSIDE);
+      if (i % 16 == 0)  // the exact stage alone, in the published order (class 1: inside)
+        bRight &= t.insphereexact(p[1], p[0], p[2], p[3], p[4]) == (lifted == 0 ? 2u : (lifted < 0 ? 1u : 0u));
+    } else if (what == ORIENT2) {
+      bRight = signOf(t.orient2d(p[0], p[1], p[2])) == exactSign(p, 3, 2, false);
+    } else {
+      bRight = signOf(t.incircle(p[0], p[1], p[2], p[3])) == exactSign(p, 4, 2, true);
     }
-    EXPECT_EQ(numWrong, 0) << "kind " << r.kind << " offset " << r.offset << " scale " << r.scale;
-    EXPECT_GT(numTested, r.count / 2);
+    v.numWrong += !bRight;
+    ++v.numTested;
+  }
+  return v;
+}
+
+std::string describe(const Regime& r) {
+  return "kind " + std::to_string(r.kind) + " offset " + std::to_string(r.offset) + " scale 2^" +
+         std::to_string(std::ilogb(r.scale)) + " ulps " + std::to_string(r.numUlps);
+}
+
+// Every regime through the predicates of one dimension: orientation and
+// sphere in space, or orient2d and incircle in the plane (count / divisor).
+void expectAgreement(const std::vector<Regime>& vFlat, const std::vector<Regime>& vRound, int dim,
+                     int divisor = 1, int wideLow = -30, int wideHigh = 30) {
+  Cases cases(dim);
+  cases.setWideExponents(wideLow, wideHigh);
+  const Predicate flat = dim == 3 ? ORIENT3 : ORIENT2, round = dim == 3 ? SPHERE : INCIRCLE;
+  for (const Regime& r : vFlat)
+    EXPECT_EQ(run(flat, cases, r, r.count / divisor).numWrong, 0) << "flat, " << describe(r);
+  for (const Regime& r : vRound) {
+    const Verdict v = run(round, cases, r, r.count / divisor);
+    EXPECT_EQ(v.numWrong, 0) << "round, " << describe(r);
+    EXPECT_GT(v.numTested, r.count / divisor / 2) << describe(r);
   }
 }
 
+} // namespace
+
+TEST(Differential, SpacePredicatesAgreeWithExactDeterminants) {
+  expectAgreement(vRegimes3, vRegimesSphere, 3);
+}
+
 TEST(Differential, PlanarPredicatesAgreeWithExactDeterminants) {
-  ExactTest t;
-  Cases cases(2);
-  Pts p;
-  for (const Regime& r : vRegimes3) {
-    int numWrong = 0;
-    for (int i = 0; i < r.count / 4; ++i) {
-      cases.make(r.kind, p, 3, r.offset, r.scale, r.numUlps);
-      if (signOf(t.orient2d(p[0], p[1], p[2])) != exactSign(p, 3, 2, false)) ++numWrong;
-    }
-    EXPECT_EQ(numWrong, 0) << "orient2d kind " << r.kind << " offset " << r.offset;
+  expectAgreement(vRegimes3, vRegimesSphere, 2, 3);
+}
+
+// The published stages hold only while no product leaves the normal range.
+// Lattices scaled by every 26th power of two from 2^-1074 (subnormal) to
+// 2^1012 (differences overflow), exact and nudged by a few units in the last
+// place: flat ones through the orientation tests, round ones through the
+// sphere and circle tests.
+TEST(AnyFiniteDouble, LatticesScaledAcrossTheWholeExponentRange) {
+  std::vector<Regime> vFlat, vRound;
+  for (int e = -1074; e <= 1012; e += 26) {
+    const double scale = std::ldexp(1.0, e);
+    vFlat.push_back({LATTICE_FLAT, 400, 0.0, scale, (e / 26) % 2 == 0 ? 0 : 4});
+    vRound.push_back({LATTICE_ROUND, 300, 0.0, scale, (e / 26) % 2 == 0 ? 0 : 4});
   }
-  for (const Regime& r : vRegimesSphere) {
-    int numWrong = 0;
-    for (int i = 0; i < r.count / 2; ++i) {
-      cases.make(r.kind, p, 4, r.offset, r.scale, r.numUlps);
-      if (signOf(t.incircle(p[0], p[1], p[2], p[3])) != exactSign(p, 4, 2, true)) ++numWrong;
-    }
-    EXPECT_EQ(numWrong, 0) << "incircle kind " << r.kind << " offset " << r.offset;
-  }
+  expectAgreement(vFlat, vRound, 3);
+  expectAgreement(vFlat, vRound, 2, 2);
+}
+
+// Subnormal-only lattices, and zeros moved a few units in the last place
+// (subnormal coordinates beside ordinary ones).
+TEST(AnyFiniteDouble, SubnormalLatticesAndNudgedZeros) {
+  const std::vector<Regime> vFlat = {{LATTICE_FLAT, 20000, 0.0, 0x1p-1074, 4, true},
+                                     {LATTICE_FLAT, 20000, 0.0, 0x1p-1064, 0},
+                                     {LATTICE_FLAT, 20000, 0.0, 1.0, 3, true},
+                                     {WIDE_FLAT, 20000, 0.0, 1.0, 3, true}};
+  const std::vector<Regime> vRound = {{LATTICE_ROUND, 20000, 0.0, 0x1p-1074, 4, true},
+                                      {LATTICE_ROUND, 20000, 0.0, 0x1p-1066, 0},
+                                      {LATTICE_ROUND, 20000, 0.0, 1.0, 3, true},
+                                      {WIDE_ROUND, 4000, 0.0, 1.0, 3, true}};
+  expectAgreement(vFlat, vRound, 3);
+  expectAgreement(vFlat, vRound, 2, 2);
+}
+
+// Magnitudes from 2^-1074 to 2^1000 within one test: exactly flat and exactly
+// round sets, and points on a steep plane whose x y products fall below the
+// normal range while z is huge (a filter that trusted its bound there would
+// call them off the plane).
+TEST(AnyFiniteDouble, MagnitudesMixedWithinOneTest) {
+  const std::vector<Regime> vFlat = {{WIDE_FLAT, 20000, 0.0, 1.0, 0},
+                                     {WIDE_FLAT, 20000, 0.0, 1.0, 4},
+                                     {STEEP_FLAT, 20000, 0.0, 1.0, 0},
+                                     {STEEP_FLAT, 20000, 0.0, 1.0, 2}};
+  const std::vector<Regime> vRound = {{WIDE_ROUND, 3000, 0.0, 1.0, 0}, {WIDE_ROUND, 3000, 0.0, 1.0, 4}};
+  expectAgreement(vFlat, vRound, 3, 1, -1074, 1000);
+  expectAgreement(vFlat, vRound, 2, 2, -1074, 1000);
 }
 
 #if defined(__SSE2__)
@@ -392,11 +475,12 @@ TEST(SphereFilter, PairedFormGivesTheScalarBits) {
     const int scale = e(rng);
     for (auto& q : p)
       for (double& c : q) c = std::ldexp(u(rng), scale + (n % 7 == 0 ? e(rng) / 4 : 0));
-    double det1, perm1, det2, perm2;
-    ExactTest::insphereFilter(p[0], p[1], p[2], p[3], p[4], det1, perm1);
-    ExactTest::insphereFilterSse2(p[0], p[1], p[2], p[3], p[4], det2, perm2);
+    double det1, perm1, floor1, det2, perm2, floor2;
+    ExactTest::insphereFilter(p[0], p[1], p[2], p[3], p[4], det1, perm1, floor1);
+    ExactTest::insphereFilterSse2(p[0], p[1], p[2], p[3], p[4], det2, perm2, floor2);
     ASSERT_EQ(std::memcmp(&det1, &det2, sizeof det1), 0) << n;
     ASSERT_EQ(std::memcmp(&perm1, &perm2, sizeof perm1), 0) << n;
+    ASSERT_EQ(std::memcmp(&floor1, &floor2, sizeof floor1), 0) << n;
   }
 }
 #endif

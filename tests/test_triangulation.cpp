@@ -220,3 +220,57 @@ TEST(Scale, HugeOffsetLatticeAndTinyCoordinates) {
   for (Point3& p : vTiny) p = Point3(std::ldexp(p.x(), -200), std::ldexp(p.y(), -200), std::ldexp(p.z(), -200));
   expectBulkDelaunay(vTiny, "scale 2^-200");
 }
+
+namespace {
+
+std::vector<Point3> scaled(std::vector<Point3> v, double factor) {
+  for (Point3& p : v) p = Point3(p.x() * factor, p.y() * factor, p.z() * factor);
+  return v;
+}
+
+// 300 points of the unit cube, 50 near 1e-200 and 20 near 1e250, shuffled:
+// one sphere test can span 450 orders of magnitude.
+std::vector<Point3> mixedMagnitudes() {
+  std::vector<Point3> v = randomPoints(300, 31, 0.0, 1.0);
+  const std::vector<Point3> vTiny = scaled(randomPoints(50, 32), 1e-200);
+  const std::vector<Point3> vHuge = scaled(randomPoints(20, 33), 1e250);
+  v.insert(v.end(), vTiny.begin(), vTiny.end());
+  v.insert(v.end(), vHuge.begin(), vHuge.end());
+  std::shuffle(v.begin(), v.end(), std::mt19937_64(34));
+  return v;
+}
+
+} // namespace
+
+// Far outside the magnitudes where the published predicates are exact: the
+// mesh stays valid, by the exact checker and by checkValidity.
+TEST(AnyFiniteDouble, RandomAndLatticeSetsAtExtremeScales) {
+  std::vector<Point3> v = randomPoints(200, 35);
+  const std::vector<Point3> vLattice = grid(5, -2.0);
+  v.insert(v.end(), vLattice.begin(), vLattice.end());
+  for (double factor : {1e-300, 1e-150, 1e150, 1e300})
+    expectBulkDelaunay(scaled(v, factor), "scale " + std::to_string(std::ilogb(factor)));
+}
+
+// A lattice of subnormal coordinates (0 to 5 units of 2^-1074), the same
+// next to ordinary points, and lattices near 2^1000 whose differences
+// overflow: every sphere test of them has ties.
+TEST(AnyFiniteDouble, SubnormalLatticesAndLatticesNear2To1000) {
+  const std::vector<Point3> vSubnormal = scaled(grid(6), 0x1p-1074);
+  expectBulkDelaunay(vSubnormal, "subnormal lattice");
+  std::vector<Point3> vBeside = grid(4, -1.0);
+  vBeside.insert(vBeside.end(), vSubnormal.begin(), vSubnormal.end());
+  expectBulkDelaunay(vBeside, "subnormal lattice beside the unit lattice");
+  expectBulkDelaunay(scaled(grid(5), 0x1p1000), "lattice times 2^1000");
+  expectBulkDelaunay(grid(5, -0x1p1021, 0x1p1020), "lattice from -2^1021 to 2^1022");
+}
+
+TEST(AnyFiniteDouble, MixedMagnitudesInBulkAndOneByOne) {
+  const std::vector<Point3> v = mixedMagnitudes();
+  expectBulkDelaunay(v, "mixed, bulk");
+  Velm_3D vt;
+  quiet([&] {
+    for (Point3 p : v) vt.insert(p);
+  });
+  expectDelaunay(vt, v, "mixed, one by one");
+}
