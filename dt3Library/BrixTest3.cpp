@@ -644,7 +644,7 @@ double anyRangeSign(const ExactTest& t, PredicateKind kind, double* const* pts) 
     default: {
       double det, permanent, floor;
       ExactTest::insphereFilter(p[0], p[1], p[2], p[3], p[4], det, permanent, floor);
-      if (!ExactTest::filterDecides(det, t.isperrboundA * permanent + floor, permanent)) {
+      if (!ExactTest::filterDecides(det, t.isperrboundA * permanent + floor)) {
         const unsigned int cls = t.insphereadapt(p[0], p[1], p[2], p[3], p[4], permanent);
         det = cls == 1u ? 1.0 : (cls == 0u ? -1.0 : 0.0);
       }
@@ -754,10 +754,9 @@ double ExactTest::orient2d(double* pa, double* pb, double* pc) const {
     if (detright != 0.0 || ((acx == 0.0 || bcy == 0.0) && (acy == 0.0 || bcx == 0.0))) return det;
     detsum = 0.0;
   }
-  // Two products below the normal range cost at most 2^-1074; a sum that
-  // can have overflowed decides nothing.
+  // Two products below the normal range cost at most 2^-1074.
   const double errbound = ccwerrboundA * detsum + 0x1p-1072;
-  if (((det >= errbound) || (-det >= errbound)) && detsum <= 0x1p1020) return det;
+  if ((det >= errbound) || (-det >= errbound)) return det;
   return orient2dadapt(pa, pb, pc, detsum);
 }
 
@@ -1050,7 +1049,7 @@ double ExactTest::incircle(double* pa, double* pb, double* pc, double* pd) const
   // products through a lift, six squares through a minor, three last ones.
   const double maxLift = std::max(std::max(alift, blift), clift);
   const double errbound = iccerrboundA * permanent + (maxLift + 1.0) * 0x1p-1068;
-  if (filterDecides(det, errbound, permanent)) return det;
+  if (filterDecides(det, errbound)) return det;
   return incircleadapt(pa, pb, pc, pd, permanent);
 }
 
@@ -1073,9 +1072,6 @@ double ExactTest::orient3dadapt(double* pa, double* pb, double* pc, double* pd,
     double* const pts[4] = {pa, pb, pc, pd};
     return anyRangeSign(*this, ORIENT3D, pts);
   }
-  // In the range no product underflows, so a zero permanent is an exact
-  // zero of every term (coplanar points on an axis plane, a grid's layers).
-  if (permanent == 0.0) return 0.0;
   const double adx = pa[0] - pd[0], bdx = pb[0] - pd[0], cdx = pc[0] - pd[0];
   const double ady = pa[1] - pd[1], bdy = pb[1] - pd[1], cdy = pc[1] - pd[1];
   const double adz = pa[2] - pd[2], bdz = pb[2] - pd[2], cdz = pc[2] - pd[2];
@@ -1229,11 +1225,28 @@ double ExactTest::orient3dadapt(double* pa, double* pb, double* pc, double* pd,
   return finnow[finlength - 1];
 }
 
+// A zero permanent is exact when each term has a zero z difference or both
+// its products a zero factor (none underflowed to 0): the points lie on an
+// axis-parallel plane, as in a grid's layers, and the answer is 0 at once.
+double ExactTest::orient3dUndecided(double* pa, double* pb, double* pc, double* pd,
+                                    double permanent) const {
+  auto noProduct = [](double x1, double y2, double x2, double y1) {
+    return (x1 == 0.0 || y2 == 0.0) && (x2 == 0.0 || y1 == 0.0);
+  };
+  const double adx = pa[0] - pd[0], bdx = pb[0] - pd[0], cdx = pc[0] - pd[0];
+  const double ady = pa[1] - pd[1], bdy = pb[1] - pd[1], cdy = pc[1] - pd[1];
+  if (permanent == 0.0 && (pa[2] == pd[2] || noProduct(bdx, cdy, cdx, bdy)) &&
+      (pb[2] == pd[2] || noProduct(cdx, ady, adx, cdy)) &&
+      (pc[2] == pd[2] || noProduct(adx, bdy, bdx, ady)))
+    return 0.0;
+  return orient3dadapt(pa, pb, pc, pd, permanent);
+}
+
 double ExactTest::orient3d(double* pa, double* pb, double* pc, double* pd) const {
   double det, permanent, floor;
   orient3dFilter(pa, pb, pc, pd, det, permanent, floor);
-  if (filterDecides(det, o3derrboundA * permanent + floor, permanent)) return det;
-  return orient3dadapt(pa, pb, pc, pd, permanent);
+  if (filterDecides(det, o3derrboundA * permanent + floor)) return det;
+  return orient3dUndecided(pa, pb, pc, pd, permanent);
 }
 
 // ---------------------------------------------------------------------------
@@ -1501,12 +1514,6 @@ unsigned int ExactTest::insphereexact(double* pa, double* pb, double* pc, double
 
 unsigned int ExactTest::insphereadapt(double* pa, double* pb, double* pc, double* pd, double* pe,
                                       double permanent) const {
-  const double coords[15] = {pa[0], pa[1], pa[2], pb[0], pb[1], pb[2], pc[0], pc[1],
-                             pc[2], pd[0], pd[1], pd[2], pe[0], pe[1], pe[2]};
-  if (!inPublishedRange(coords, 15)) {
-    double* const pts[5] = {pa, pb, pc, pd, pe};
-    return signClass(anyRangeSign(*this, INSPHERE, pts));
-  }
   const double aex = pa[0] - pe[0], bex = pb[0] - pe[0], cex = pc[0] - pe[0], dex = pd[0] - pe[0];
   const double aey = pa[1] - pe[1], bey = pb[1] - pe[1], cey = pc[1] - pe[1], dey = pd[1] - pe[1];
   const double aez = pa[2] - pe[2], bez = pb[2] - pe[2], cez = pc[2] - pe[2], dez = pd[2] - pe[2];
@@ -1531,17 +1538,22 @@ unsigned int ExactTest::insphereadapt(double* pa, double* pb, double* pc, double
       (ceztail == 0.0) && (dextail == 0.0) && (deytail == 0.0) && (deztail == 0.0);
 
   const double heads[12] = {aex, bex, cex, dex, aey, bey, cey, dey, aez, bez, cez, dez};
-  if (bExactDifferences && permanent < 9007199254740992.0 && allSmallIntegers(heads, 12)) {
-    double plainDet, plainPermanent, plainFloor;
-    insphereFilter(pa, pb, pc, pd, pe, plainDet, plainPermanent, plainFloor);
-    return signClass(plainDet);
-  }
+  if (bExactDifferences && permanent < 9007199254740992.0 && allSmallIntegers(heads, 12))
+    return signClass(insphereOf(heads));
   const double tails[12] = {aextail, bextail, cextail, dextail, aeytail, beytail,
                             ceytail, deytail, aeztail, beztail, ceztail, deztail};
   if (inPairRange(heads, tails, 12)) {
     const unsigned int pairClass = pairInsphere(heads, tails, !bExactDifferences, permanent, epsilon,
                                                        splitter);
     if (pairClass != 2u) return pairClass;
+  }
+  // Both shortcuts read only the differences and guard their own ranges, so
+  // they hold for any coordinates; the expansions need the published range.
+  const double coords[15] = {pa[0], pa[1], pa[2], pb[0], pb[1], pb[2], pc[0], pc[1],
+                             pc[2], pd[0], pd[1], pd[2], pe[0], pe[1], pe[2]};
+  if (!inPublishedRange(coords, 15)) {
+    double* const pts[5] = {pa, pb, pc, pd, pe};
+    return signClass(anyRangeSign(*this, INSPHERE, pts));
   }
 
   double ab[4], bc[4], cd[4], da[4], ac[4], bd[4];
@@ -1627,7 +1639,7 @@ unsigned int ExactTest::insphereadapt(double* pa, double* pb, double* pc, double
 double ExactTest::insphere(double* pa, double* pb, double* pc, double* pd, double* pe) const {
   double det, permanent, floor;
   insphereFilter(pa, pb, pc, pd, pe, det, permanent, floor);
-  if (filterDecides(det, isperrboundA * permanent + floor, permanent)) return det;
+  if (filterDecides(det, isperrboundA * permanent + floor)) return det;
   // The adaptive path answers a class (1, 0 or 2), not a signed value.
   return static_cast<double>(insphereadapt(pa, pb, pc, pd, pe, permanent));
 }

@@ -317,11 +317,14 @@ public:
                                         const double* pd, const double* pe, double& det,
                                         double& permanent, double& floor);
 #endif
-  // Whether a filter's det has a certain sign: |det| beyond errbound (the
-  // published bound plus the floor), and the permanent finite and small
-  // enough that no product or partial sum can have overflowed (a NaN fails).
-  static inline bool filterDecides(double det, double errbound, double permanent) {
-    return (det > errbound || -det > errbound) && permanent <= 0x1p1020;
+  // Whether a filter's det has a certain sign: |det| beyond errbound, the
+  // published bound plus the floor. Overflow needs no test of its own: a
+  // product or lift that overflowed makes the permanent infinite or NaN (the
+  // permanent sums the absolute values of the same products in the same
+  // groups), so errbound is too and nothing is decided; and a det that
+  // overflows only in its last sum carries the sign of the whole.
+  static inline bool filterDecides(double det, double errbound) {
+    return det > errbound || -det > errbound;
   }
 
   double orient3d(double* pa, double* pb, double* pc, double* pd) const;
@@ -349,6 +352,10 @@ public:
   double isperrboundA, isperrboundB, isperrboundC;
 
 private:
+  // What getOrientation3 does when its filter leaves the sign open: 0 at
+  // once for a permanent that is exactly 0, else orient3dadapt. Out of line
+  // and small, so that the walk's inlined test stays small too.
+  double orient3dUndecided(double* pa, double* pb, double* pc, double* pd, double permanent) const;
   // goToHell("getOrientation3, pC==NULL"); the caller then goes on.
   static void reportNullFacetTet();
   // A facet index above 3 ends the process with status 1, without a message.
@@ -411,7 +418,7 @@ inline Orientation3 ExactTest::getOrientation3(const Point3* a, const Point3* b,
   double det, permanent, floor;
   orient3dFilter(pa, pb, pc, pd, det, permanent, floor);
   const double errbound = o3derrboundA * permanent + floor;
-  if (!filterDecides(det, errbound, permanent)) det = orient3dadapt(pa, pb, pc, pd, permanent);
+  if (!filterDecides(det, errbound)) det = orient3dUndecided(pa, pb, pc, pd, permanent);
   // The published determinant is negative when d sees a, b, c counterclockwise.
   if (det < 0.0) return ORIENTATION3_POSITIVE;
   if (det > 0.0) return ORIENTATION3_NEGATIVE;
@@ -448,7 +455,7 @@ inline SphereInclusion ExactTest::sphereInclusionTest(Tet3* pTet, const Point3* 
   // the coordinates of a corner zeroes a row of the determinant, so det and
   // permanent are 0 and it lands here as undecided: by pointer it is that
   // corner, otherwise insphereadapt classifies it.
-  if (!filterDecides(det, errbound, permanent)) {
+  if (!filterDecides(det, errbound)) {
     if (pTet->getCorner(0) == pQ || pTet->getCorner(1) == pQ || pTet->getCorner(2) == pQ ||
         pTet->getCorner(3) == pQ)
       return SIC_CORNER;

@@ -5,12 +5,14 @@
 //   byte 0     the lattice: coordinates are taken modulo 8 for most values,
 //              modulo 2, 4, 16 or 256 for the others;
 //   byte 1     the placement: lattice point c goes to (c + offset) * 2^k,
-//              exact in double, for one of a few offsets and scales;
+//              exact in double, for one of four offsets and one of 64
+//              exponents k spread over the whole range of doubles, from
+//              -1074 (subnormal lattices) to the largest k that keeps the
+//              set finite;
 //   bytes 2,3  where the input is cut: points [0,a) go in one vector insert,
 //              [a,b) one by one, [b,n) in a second vector insert;
 //   the rest   three bytes per point (at most kMaxPoints points).
-// Every coordinate stays inside the library's input domain (finite,
-// |c| <= 1e60, |c| >= 1e-48 unless 0).
+// Every coordinate is finite, which is all the library asks.
 //
 // Translation and a positive power-of-two scale keep orientations and sphere
 // inclusions, so the check works on the integer lattice coordinates with
@@ -31,6 +33,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -58,7 +61,8 @@ const size_t kMaxPoints = 96;
 const bool kWaitingMayStayOut = true;
 const int kModuli[8] = {8, 8, 8, 8, 2, 4, 16, 256};
 const double kOffsets[4] = {0.0, -3.0, 1048576.0, -3221225472.0};
-const int kScaleExponents[8] = {0, 0, 1, -1, 40, -40, 100, -100};
+// The 64 exponents: -1074 + 33 i for i = 0 to 63, that is up to 1005.
+const int kLowestExponent = -1074, kExponentStep = 33, kNumExponents = 64;
 
 std::ostringstream gLibraryOutput;
 
@@ -108,16 +112,16 @@ Input decode(const uint8_t* data, size_t size) {
   if (size < 4) return in;
   const int modulus = kModuli[data[0] % 8];
   const double offset = kOffsets[data[1] % 4];
-  const int exponent = kScaleExponents[(data[1] / 4) % 8];
-  double scale = 1.0;
-  for (int i = 0; i < (exponent < 0 ? -exponent : exponent); ++i) scale = exponent < 0 ? scale / 2 : scale * 2;
+  // The largest |c + offset| is below 2^top; 2^(top + exponent) must stay finite.
+  const int top = std::ilogb(std::fabs(offset) + modulus) + 1;
+  const int exponent = std::min(kLowestExponent + kExponentStep * ((data[1] / 4) % kNumExponents), 1023 - top);
   const size_t n = std::min((size - 4) / 3, kMaxPoints);
   for (size_t i = 0; i < n; ++i) {
     Lattice c;
     for (int k = 0; k < 3; ++k) c[k] = data[4 + 3 * i + k] % modulus;
     in.vLattice.push_back(c);
-    in.vPoints.emplace_back((double(c[0]) + offset) * scale, (double(c[1]) + offset) * scale,
-                            (double(c[2]) + offset) * scale);
+    in.vPoints.emplace_back(std::ldexp(double(c[0]) + offset, exponent), std::ldexp(double(c[1]) + offset, exponent),
+                            std::ldexp(double(c[2]) + offset, exponent));
   }
   in.cutA = data[2] % (n + 1);
   in.cutB = in.cutA + data[3] % (n - in.cutA + 1);
