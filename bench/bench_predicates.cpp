@@ -8,7 +8,10 @@
 //     deepest stage);
 //   sphereInclusionTest: random positive tetrahedra and queries; cospherical
 //     lattice points at offset 1e15; cospherical signed permutations of one
-//     point of widely different magnitudes (the full exact determinant).
+//     point of widely different magnitudes (the full exact determinant);
+//   both, on the lattice cases times 2^-1074 (subnormal coordinates: scaled
+//     into the published range first), and on the wide cases with magnitudes
+//     from 2^-1074 to 2^1000 (no one scale fits: exact integer arithmetic).
 //
 // Each benchmark cycles through 4096 prepared cases, one call per iteration.
 #include <benchmark/benchmark.h>
@@ -28,17 +31,27 @@ namespace {
 
 constexpr int NUM_CASES = 4096;
 
-enum Input { RANDOM, LATTICE, WIDE };
+enum Input { RANDOM, LATTICE, WIDE, SUBNORMAL, MIXED };
 
 std::mt19937_64 rng(2024);
 std::uniform_real_distribution<double> uni(-1.0, 1.0);
-double wide() { return std::ldexp(uni(rng), static_cast<int>(rng() % 61) - 30); }
+int wideLow = -30, wideSpan = 61;
+double wide() { return std::ldexp(uni(rng), static_cast<int>(rng() % wideSpan) + wideLow); }
 
 // Five points of one case: random, or degenerate (the first four coplanar for
 // the orientation, all five cospherical for the sphere test).
 std::array<Point3, 5> makeCase(Input input, bool bSphere) {
   std::array<Point3, 5> p;
-  if (input == RANDOM) {
+  if (input == SUBNORMAL) {
+    p = makeCase(LATTICE, bSphere);
+    for (Point3& q : p) q = Point3(std::ldexp(q.x(), -1074), std::ldexp(q.y(), -1074), std::ldexp(q.z(), -1074));
+  } else if (input == MIXED) {
+    wideLow = -1074;
+    wideSpan = 2075;
+    p = makeCase(WIDE, bSphere);
+    wideLow = -30;
+    wideSpan = 61;
+  } else if (input == RANDOM) {
     for (Point3& q : p) q = Point3(uni(rng), uni(rng), uni(rng));
   } else if (input == LATTICE && !bSphere) {
     double c[3][3];
@@ -117,3 +130,7 @@ BENCHMARK_CAPTURE(orientation, coplanarWide, WIDE);
 BENCHMARK_CAPTURE(sphereInclusion, random, RANDOM);
 BENCHMARK_CAPTURE(sphereInclusion, cosphericalLattice, LATTICE);
 BENCHMARK_CAPTURE(sphereInclusion, cosphericalWide, WIDE);
+BENCHMARK_CAPTURE(orientation, coplanarSubnormalLattice, SUBNORMAL);
+BENCHMARK_CAPTURE(orientation, coplanarMixedMagnitudes, MIXED);
+BENCHMARK_CAPTURE(sphereInclusion, cosphericalSubnormalLattice, SUBNORMAL);
+BENCHMARK_CAPTURE(sphereInclusion, cosphericalMixedMagnitudes, MIXED);

@@ -410,10 +410,18 @@ inline void addToFinal(int& finlength, double*& finnow, double*& finother, int l
 //     brings them all inside it, exactly, and the published predicate runs
 //     on the scaled copy. Lattices near 2^1000, subnormal ones, and points
 //     scaled by 1e-150 or 1e150 all take this way.
-//  2. Integers. Otherwise (magnitudes mixed across more than 2^357) each
-//     coordinate becomes the integer c * 2^-e0, e0 the lowest set bit of all
-//     of them, at most 2098 bits, and the determinant is evaluated in the
-//     integer arithmetic below. It costs tens of microseconds a test.
+//  2. A filter on a rounded copy. Otherwise (magnitudes mixed across more
+//     than 2^357) the space tests first scale the largest magnitude to just
+//     below 2^100; smaller coordinates may round, each by at most 2^-1075,
+//     which moves any of the determinants by less than 2^-600 (at most 72
+//     monomials of degree five, differences below 2^101). The filter with
+//     that added to its bound decides nearly every test that is not
+//     degenerate, such as sets that reach the overflow threshold and hold
+//     subnormal coordinates too.
+//  3. Integers. Each coordinate becomes the integer c * 2^-e0, e0 the lowest
+//     set bit of all of them, at most 2098 bits, and the determinant is
+//     evaluated in the integer arithmetic below. It costs tens of
+//     microseconds a test.
 
 namespace {
 
@@ -655,6 +663,22 @@ double anyRangeSign(const ExactTest& t, PredicateKind kind, double* const* pts) 
     if (unscaled == 0.0 && value != 0.0)
       return std::copysign(std::numeric_limits<double>::denorm_min(), value);
     return unscaled;
+  }
+
+  if (kind == ORIENT3D || kind == INSPHERE) {
+    double rounded[5][3];
+    for (int i = 0; i < numPts; ++i)
+      for (int j = 0; j < 3; ++j) rounded[i][j] = std::ldexp(pts[i][j], 99 - highExp);
+    double det, permanent, floor;
+    if (kind == ORIENT3D) {
+      ExactTest::orient3dFilter(rounded[0], rounded[1], rounded[2], rounded[3], det, permanent, floor);
+      floor += t.o3derrboundA * permanent;
+    } else {
+      ExactTest::insphereFilter(rounded[0], rounded[1], rounded[2], rounded[3], rounded[4], det,
+                                permanent, floor);
+      floor += t.isperrboundA * permanent;
+    }
+    if (ExactTest::filterDecides(det, floor + 0x1p-600)) return det > 0.0 ? 1.0 : -1.0;
   }
 
   ExactInteger d[12];

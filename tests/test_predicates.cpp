@@ -484,3 +484,17 @@ TEST(SphereFilter, PairedFormGivesTheScalarBits) {
   }
 }
 #endif
+
+// Huge and tiny coordinates in one test: the plane through a, b, c rises by
+// 27 * 2^-176 over 2^1000, and d lies 2^-177 below it. Scaled to the
+// filter's working range, c's and d's tiny z round to 3 and 2 units of
+// 2^-1074, which would put d above the plane: the filter on rounded
+// coordinates must leave such a case to exact arithmetic.
+TEST(AnyFiniteDouble, TinyCoordinatesThatRoundingWouldFlip) {
+  const ExactTest t;
+  Point3 a(0, 0, 0), b(0x1p1000, 0, 0), c(0, 0x1p1000, std::ldexp(27, -176));
+  Point3 d(0x1p999, 0x1p999, std::ldexp(13, -176)), onPlane(0x1p999, 0x1p999, std::ldexp(27, -177));
+  EXPECT_EQ(t.getOrientation3(&a, &b, &c, &d), ORIENTATION3_NEGATIVE);
+  EXPECT_EQ(t.getOrientation3(&b, &a, &c, &d), ORIENTATION3_POSITIVE);
+  EXPECT_EQ(t.getOrientation3(&a, &b, &c, &onPlane), ORI3_ZERO);
+}

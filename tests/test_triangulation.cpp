@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <random>
 #include <string>
 #include <vector>
@@ -263,6 +264,19 @@ TEST(AnyFiniteDouble, SubnormalLatticesAndLatticesNear2To1000) {
   expectBulkDelaunay(vBeside, "subnormal lattice beside the unit lattice");
   expectBulkDelaunay(scaled(grid(5), 0x1p1000), "lattice times 2^1000");
   expectBulkDelaunay(grid(5, -0x1p1021, 0x1p1020), "lattice from -2^1021 to 2^1022");
+}
+
+// Coordinates up to the largest double, z often subnormal: every filter in
+// the published form overflows, and no one power of two fits the set.
+TEST(AnyFiniteDouble, ExtremesOfTheDoubleRangeInOneSet) {
+  std::mt19937_64 gen(36);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  const double big = std::numeric_limits<double>::max();
+  std::vector<Point3> v;
+  for (int i = 0; i < 300; ++i)
+    v.emplace_back(u(gen) * big, u(gen) * big, i % 3 == 0 ? u(gen) * big : std::ldexp(double(gen() % 9), -1074));
+  for (int i = 0; i < 8; ++i) v.emplace_back(i & 1 ? big : -big, i & 2 ? big : -big, i & 4 ? big : -big);
+  expectBulkDelaunay(v, "extremes");
 }
 
 TEST(AnyFiniteDouble, MixedMagnitudesInBulkAndOneByOne) {
