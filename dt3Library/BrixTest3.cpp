@@ -652,6 +652,9 @@ double anyRangeSign(const ExactTest& t, PredicateKind kind, double* const* pts) 
     default: {
       double det, permanent, floor;
       ExactTest::insphereFilter(p[0], p[1], p[2], p[3], p[4], det, permanent, floor);
+      // In the range a zero permanent is an exact zero determinant, which
+      // insphereadapt's first stage would answer with class 1.
+      if (permanent == 0.0) return 0.0;
       if (!ExactTest::filterDecides(det, t.isperrboundA * permanent + floor)) {
         const unsigned int cls = t.insphereadapt(p[0], p[1], p[2], p[3], p[4], permanent);
         det = cls == 1u ? 1.0 : (cls == 0u ? -1.0 : 0.0);
@@ -772,11 +775,14 @@ double ExactTest::orient2d(double* pa, double* pb, double* pc) const {
     if (detright >= 0.0) return det;
     detsum = -detleft - detright;
   } else {
-    // A product rounds to 0 from nonzero factors only below 2^-1075; a
-    // nonzero other product is then larger and its sign decides. Two zeros
-    // decide only when each is an exact one.
-    if (detright != 0.0 || ((acx == 0.0 || bcy == 0.0) && (acy == 0.0 || bcx == 0.0))) return det;
-    detsum = 0.0;
+    // detleft is 0, or NaN: 0 times a difference that overflowed. A product
+    // rounds to 0 from nonzero factors only below 2^-1075; a nonzero other
+    // product is then larger and its sign decides. Two zeros decide only
+    // when each is an exact one. Anything else is for the adaptive stages.
+    if (detleft == 0.0 && (detright > 0.0 || detright < 0.0)) return det;
+    // Two exact zeros; one of them may be 0 times an overflowed difference.
+    if ((acx == 0.0 || bcy == 0.0) && (acy == 0.0 || bcx == 0.0)) return 0.0;
+    return orient2dadapt(pa, pb, pc, std::fabs(detleft) + std::fabs(detright));
   }
   // Two products below the normal range cost at most 2^-1074.
   const double errbound = ccwerrboundA * detsum + 0x1p-1072;

@@ -11,6 +11,7 @@
 #include <climits>
 #include <cstring>
 #include <cmath>
+#include <limits>
 #include <numeric>
 #include <random>
 #include <string>
@@ -71,7 +72,8 @@ int exactSign(const Pts p, int n, int dim, bool bLift) {
   return sign * sgn(m[size - 1][size - 1]);
 }
 
-int signOf(double v) { return (v > 0.0) - (v < 0.0); }
+// The sign of a predicate's value; NaN is no sign at all.
+int signOf(double v) { return v > 0.0 ? 1 : (v < 0.0 ? -1 : (v == 0.0 ? 0 : 2)); }
 
 // Integer vectors of squared length n, with dim 2 or 3 components.
 std::vector<std::array<int, 3>> latticeSphere(int n, int dim) {
@@ -89,7 +91,7 @@ std::vector<std::array<int, 3>> latticeSphere(int n, int dim) {
 // last; all but a copy are then shuffled.
 enum Kind {
   RANDOM, FLOAT_FLAT, LATTICE_FLAT, WIDE_FLAT, LATTICE_ROUND, WIDE_ROUND, FLOAT_ROUND, COINCIDENT,
-  STEEP_FLAT
+  STEEP_FLAT, EXTREME
 };
 
 class Cases {
@@ -129,6 +131,11 @@ public:
         p[i][1] = sign * p[i][0];
         if (dim == 3) p[i][2] = wide();
       }
+    } else if (kind == EXTREME) {  // 0, +-DBL_MAX and its halves and quarters: differences overflow
+      const double big = std::numeric_limits<double>::max();
+      const double values[7] = {-big, -big / 2, -big / 4, 0.0, big / 4, big / 2, big};
+      for (int i = 0; i < n; ++i)
+        for (int k = 0; k < dim; ++k) p[i][k] = values[irand(7)];
     } else if (kind == STEEP_FLAT) {  // on z = 2^800 (x + 3y): x y products subnormal, z huge
       for (int i = 0; i < n; ++i) {
         const int u = irand(127) - 63, v = irand(127) - 63;
@@ -174,7 +181,8 @@ public:
       do pv = &p[irand(n)][irand(dim)];
       while (*pv == 0.0 && !bNudgeZeros);
       double& v = *pv;
-      const double dir = (rng() & 1) ? INFINITY : -INFINITY;
+      double dir = (rng() & 1) ? INFINITY : -INFINITY;  // at random, but never past the largest double
+      if (std::fabs(v) == std::numeric_limits<double>::max()) dir = -v;
       for (int i = 1 + irand(numUlps); i > 0; --i) v = std::nextafter(v, dir);
     }
     if (kind != COINCIDENT) std::shuffle(p, p + n, rng);
@@ -400,10 +408,10 @@ void expectAgreement(const std::vector<Regime>& vFlat, const std::vector<Regime>
   cases.setWideExponents(wideLow, wideHigh);
   const Predicate flat = dim == 3 ? ORIENT3 : ORIENT2, round = dim == 3 ? SPHERE : INCIRCLE;
   for (const Regime& r : vFlat)
-    EXPECT_EQ(run(flat, cases, r, r.count / divisor).numWrong, 0) << "flat, " << describe(r);
+    EXPECT_EQ(run(flat, cases, r, r.count / divisor).numWrong, 0) << "flat, dim " << dim << ", " << describe(r);
   for (const Regime& r : vRound) {
     const Verdict v = run(round, cases, r, r.count / divisor);
-    EXPECT_EQ(v.numWrong, 0) << "round, " << describe(r);
+    EXPECT_EQ(v.numWrong, 0) << "round, dim " << dim << ", " << describe(r);
     EXPECT_GT(v.numTested, r.count / divisor / 2) << describe(r);
   }
 }
@@ -450,15 +458,18 @@ TEST(AnyFiniteDouble, SubnormalLatticesAndNudgedZeros) {
 }
 
 // Magnitudes from 2^-1074 to 2^1000 within one test: exactly flat and exactly
-// round sets, and points on a steep plane whose x y products fall below the
+// round sets, points whose differences overflow, and points on a steep plane whose x y products fall below the
 // normal range while z is huge (a filter that trusted its bound there would
 // call them off the plane).
 TEST(AnyFiniteDouble, MagnitudesMixedWithinOneTest) {
   const std::vector<Regime> vFlat = {{WIDE_FLAT, 20000, 0.0, 1.0, 0},
                                      {WIDE_FLAT, 20000, 0.0, 1.0, 4},
                                      {STEEP_FLAT, 20000, 0.0, 1.0, 0},
-                                     {STEEP_FLAT, 20000, 0.0, 1.0, 2}};
-  const std::vector<Regime> vRound = {{WIDE_ROUND, 3000, 0.0, 1.0, 0}, {WIDE_ROUND, 3000, 0.0, 1.0, 4}};
+                                     {STEEP_FLAT, 20000, 0.0, 1.0, 2},
+                                     {EXTREME, 20000, 0.0, 1.0, 0},
+                                     {EXTREME, 20000, 0.0, 1.0, 3}};
+  const std::vector<Regime> vRound = {{WIDE_ROUND, 3000, 0.0, 1.0, 0}, {WIDE_ROUND, 3000, 0.0, 1.0, 4},
+                                      {EXTREME, 3000, 0.0, 1.0, 0}, {EXTREME, 3000, 0.0, 1.0, 3}};
   expectAgreement(vFlat, vRound, 3, 1, -1074, 1000);
   expectAgreement(vFlat, vRound, 2, 2, -1074, 1000);
 }

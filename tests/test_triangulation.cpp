@@ -277,6 +277,7 @@ TEST(AnyFiniteDouble, ExtremesOfTheDoubleRangeInOneSet) {
     v.emplace_back(u(gen) * big, u(gen) * big, i % 3 == 0 ? u(gen) * big : std::ldexp(double(gen() % 9), -1074));
   for (int i = 0; i < 8; ++i) v.emplace_back(i & 1 ? big : -big, i & 2 ? big : -big, i & 4 ? big : -big);
   expectBulkDelaunay(v, "extremes");
+  expectBulkDelaunay(scaled(grid(3, -1.0), big), "{-max, 0, max}^3");
 }
 
 TEST(AnyFiniteDouble, MixedMagnitudesInBulkAndOneByOne) {
