@@ -8,7 +8,7 @@
 //              exact in double, for one of four offsets and one of 64
 //              exponents k spread over the whole range of doubles, from
 //              -1074 (subnormal lattices) to the largest k that keeps the
-//              set finite;
+//              set finite (its differences may overflow);
 //   bytes 2,3  where the input is cut: points [0,a) go in one vector insert,
 //              [a,b) one by one, [b,n) in a second vector insert;
 //   the rest   three bytes per point (at most kMaxPoints points).
@@ -60,7 +60,7 @@ const size_t kMaxPoints = 96;
 // accepts it.
 const bool kWaitingMayStayOut = true;
 const int kModuli[8] = {8, 8, 8, 8, 2, 4, 16, 256};
-const double kOffsets[4] = {0.0, -3.0, 1048576.0, -3221225472.0};
+const double kOffsets[4] = {0.0, -3.5, 1048576.0, -3221225472.0};
 // The 64 exponents: -1074 + 33 i for i = 0 to 63, that is up to 1005.
 const int kLowestExponent = -1074, kExponentStep = 33, kNumExponents = 64;
 
@@ -112,9 +112,13 @@ Input decode(const uint8_t* data, size_t size) {
   if (size < 4) return in;
   const int modulus = kModuli[data[0] % 8];
   const double offset = kOffsets[data[1] % 4];
-  // The largest |c + offset| is below 2^top; 2^(top + exponent) must stay finite.
-  const int top = std::ilogb(std::fabs(offset) + modulus) + 1;
-  const int exponent = std::min(kLowestExponent + kExponentStep * ((data[1] / 4) % kNumExponents), 1023 - top);
+  // The largest |c + offset| is below 2^top, and 2^(top + exponent) at most
+  // 2^1024: the set stays finite, while its differences may overflow.
+  const int top = std::ilogb(std::max(std::fabs(offset), std::fabs(offset + modulus - 1))) + 1;
+  // A half-integer offset needs one more bit at the bottom to stay exact.
+  const int lowest = offset == std::floor(offset) ? kLowestExponent : kLowestExponent + 1;
+  const int exponent = std::max(
+      lowest, std::min(kLowestExponent + kExponentStep * ((data[1] / 4) % kNumExponents), 1024 - top));
   const size_t n = std::min((size - 4) / 3, kMaxPoints);
   for (size_t i = 0; i < n; ++i) {
     Lattice c;
