@@ -1,0 +1,740 @@
+// velm3d_core.cpp: the extension module velm3d._core, the link between
+// NumPy arrays and one Dt3.
+//
+// A Triangulation owns one Dt3 and the stored vertex of every point it was
+// given, by point index. Between calls it keeps these facts:
+//  - the customIndex of every stored vertex is the index of the first point
+//    with its coordinates (its representative); duplicates point to it;
+//  - after an insertion, the customIndex of every live tetrahedron is its row
+//    in the simplices array handed out last, numbered 0..m-1 by a breadth-first
+//    walk from the incident tetrahedron of the first point.
+// Output arrays are filled once, in C++, and handed to NumPy with a capsule
+// that owns the buffer; they outlive the Triangulation.
+//
+// The library keeps process-wide state (tetrahedron labels, the vertex
+// store's statics, std::cout), so every call into it holds libraryMutex. The
+// mutex is only ever taken with the GIL released: the insertion's progress
+// callback takes the GIL while the mutex is held, and the opposite order in
+// another thread would deadlock. The library's console output is caught by
+// swapping the buffers of std::cout and std::cerr (the only ways it writes)
+// for the duration of a call, and kept: the text of an assertion report
+// becomes the RuntimeError's message.
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+
+#include <cmath>
+#include <cstdint>
+#include <iostream>
+#include <limits>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <sstream>
+#include <streambuf>
+#include <string>
+#include <vector>
+
+#include "Velm_3D.h"
+
+namespace py = pybind11;
+using namespace VELM3D;
+
+namespace {
+
+std::mutex libraryMutex;
+
+// Row and simplex counts up to this limit get int32 indices, larger ones
+// int64. Tests lower it to reach the int64 path with small inputs.
+int64_t int32Limit = std::numeric_limits<int32_t>::max();
+
+// The coordinates for which the predicates are exact: no product of five
+// coordinate differences overflows, and none loses bits below the smallest
+// subnormal (every double of magnitude 1e-48 or more is a multiple of 2^-212).
+constexpr double maxCoordinate = 1e60;
+constexpr double minNonzeroCoordinate = 1e-48;
+
+// Keeps what the library writes, up to a bounded tail, and passes it on to
+// the original stream when verbose.
+class CaptureBuffer : public std::streambuf {
+public:
+  explicit CaptureBuffer(std::streambuf* pTee_) : pTee(pTee_) {}
+  const std::string& getText() const { return text; }
+
+protected:
+  int overflow(int c) override {
+    if (c == traits_type::eof()) return traits_type::not_eof(c);
+    const char ch = static_cast<char>(c);
+    xsputn(&ch, 1);
+    return c;
+  }
+  std::streamsize xsputn(const char* s, std::streamsize n) override {
+    if (pTee != nullptr) pTee->sputn(s, n);
+    text.append(s, static_cast<size_t>(n));
+    if (text.size() > 65536) text.erase(0, text.size() - 16384);
+    return n;
+  }
+  int sync() override { return pTee != nullptr ? pTee->pubsync() : 0; }
+
+private:
+  std::streambuf* pTee;
+  std::string text;
+};
+
+// For the life of one call into the library: std::cout and std::cerr write
+// into a CaptureBuffer, and their state is restored afterwards (a stopped
+// timer would leave std::cout in fixed notation otherwise).
+class ConsoleCapture {
+public:
+  explicit ConsoleCapture(bool bVerbose)
+      : pOldOut(std::cout.rdbuf()), pOldErr(std::cerr.rdbuf()), oldFlags(std::cout.flags()),
+        oldPrecision(std::cout.precision()), outBuf(bVerbose ? pOldOut : nullptr),
+        errBuf(bVerbose ? pOldErr : nullptr) {
+    std::cout.rdbuf(&outBuf);
+    std::cerr.rdbuf(&errBuf);
+  }
+  ~ConsoleCapture() {
+    std::cout.rdbuf(pOldOut);
+    std::cerr.rdbuf(pOldErr);
+    std::cout.flags(oldFlags);
+    std::cout.precision(oldPrecision);
+    std::cout.clear();
+    std::cerr.clear();
+  }
+  ConsoleCapture(const ConsoleCapture&) = delete;
+  ConsoleCapture& operator=(const ConsoleCapture&) = delete;
+
+  // The last assertion report, without colour codes, on one line.
+  std::string assertionReport() const {
+    const std::string& s = outBuf.getText();
+    size_t from = s.rfind("Velm, , ERROR");
+    if (from == std::string::npos) from = 0;
+    std::string line;
+    for (size_t i = from; i < s.size(); ++i) {
+      if (s[i] == '\033') {
+        while (i < s.size() && s[i] != 'm') ++i;
+        continue;
+      }
+      const bool bSpace = s[i] == '\n' || s[i] == ' ';
+      if (bSpace && (line.empty() || line.back() == ' ')) continue;
+      line += bSpace ? ' ' : s[i];
+    }
+    while (!line.empty() && line.back() == ' ') line.pop_back();
+    return line;
+  }
+
+private:
+  std::streambuf* pOldOut;
+  std::streambuf* pOldErr;
+  std::ios_base::fmtflags oldFlags;
+  std::streamsize oldPrecision;
+  CaptureBuffer outBuf;
+  CaptureBuffer errBuf;
+};
+
+// A Python exception caught on the library's side of a call (the interrupt,
+// or one raised by the progress display), raised again once the call is out.
+class PendingError {
+public:
+  PendingError() : pType(nullptr), pValue(nullptr), pTrace(nullptr) {}
+  ~PendingError() {
+    Py_XDECREF(pType);
+    Py_XDECREF(pValue);
+    Py_XDECREF(pTrace);
+  }
+  PendingError(const PendingError&) = delete;
+  PendingError& operator=(const PendingError&) = delete;
+  bool isSet() const { return pType != nullptr; }
+  // With the GIL held and a Python error set.
+  void fetch() { PyErr_Fetch(&pType, &pValue, &pTrace); }
+  [[noreturn]] void raise() {
+    PyErr_Restore(pType, pValue, pTrace);
+    pType = pValue = pTrace = nullptr;
+    throw py::error_already_set();
+  }
+
+private:
+  PyObject* pType;
+  PyObject* pValue;
+  PyObject* pTrace;
+};
+
+// Takes the GIL for a moment to let Python run its signal handlers (Ctrl-C)
+// and to show progress. Answers false when the work is to stop.
+struct ProgressContext {
+  py::object progress; // callable (numDone, numTotal) or None
+  PendingError pending;
+
+  bool report(unsigned long numDone, unsigned long numTotal) {
+    py::gil_scoped_acquire gil;
+    if (PyErr_CheckSignals() != 0) {
+      pending.fetch();
+      return false;
+    }
+    if (!progress.is_none()) {
+      PyObject* pResult = PyObject_CallFunction(progress.ptr(), "kk", numDone, numTotal);
+      if (pResult == nullptr) {
+        pending.fetch();
+        return false;
+      }
+      Py_DECREF(pResult);
+    }
+    return true;
+  }
+  static bool onProgress(void* pUser, unsigned long numDone, unsigned long numTotal) {
+    return static_cast<ProgressContext*>(pUser)->report(numDone, numTotal);
+  }
+};
+
+// Why a library call ended early; turned into a Python exception once the
+// mutex is released and the GIL is back.
+struct Failure {
+  enum Kind { NONE, ASSERTION, NO_MEMORY, INTERRUPTED, BAD_ROW } kind = NONE;
+  std::string message;
+  [[noreturn]] void raise(PendingError& pending) {
+    switch (kind) {
+    case ASSERTION: throw std::runtime_error("libvelm3d assertion: " + message);
+    case NO_MEMORY: throw std::bad_alloc();
+    case BAD_ROW: throw py::value_error(message);
+    default: pending.raise();
+    }
+  }
+};
+
+// A buffer handed to NumPy; the capsule frees it with the array.
+template <class T> py::array adopt(std::unique_ptr<T[]>& p, std::vector<py::ssize_t> shape) {
+  T* raw = p.release();
+  py::capsule owner(raw, [](void* q) { delete[] static_cast<T*>(q); });
+  return py::array_t<T>(shape, raw, owner);
+}
+
+template <class T> std::unique_ptr<T[]> uninitialized(size_t n) {
+  return std::unique_ptr<T[]>(new T[n == 0 ? 1 : n]);
+}
+
+// The first row of an (n,3) array that is not in the exact domain, or -1.
+int64_t findBadRow(const double* p, int64_t n, std::string& why) {
+  for (int64_t i = 0; i < n; ++i)
+    for (int k = 0; k < 3; ++k) {
+      const double c = p[3 * i + k];
+      const double a = std::fabs(c);
+      if (a <= maxCoordinate && (a >= minNonzeroCoordinate || c == 0.0)) continue;
+      std::ostringstream oss;
+      oss.precision(17);
+      if (!std::isfinite(c))
+        oss << "coordinate " << c << " is not finite";
+      else
+        oss << "coordinate " << c << " is outside the range of exact arithmetic (|c| <= 1e60, and "
+            << "|c| >= 1e-48 unless c is 0)";
+      why = oss.str();
+      return i;
+    }
+  return -1;
+}
+
+const double* rowsOf(const py::array_t<double, py::array::c_style>& a, int64_t& n) {
+  if (a.ndim() != 2 || a.shape(1) != 3) throw py::value_error("expected an array of shape (n, 3)");
+  n = a.shape(0);
+  return a.data();
+}
+
+class Triangulation;
+
+// Index arrays of one triangulation state, filled without the GIL.
+struct Arrays {
+  bool bInt64 = false;
+  int64_t numPoints = 0, numTets = 0, numCoplanar = 0;
+  std::unique_ptr<int32_t[]> vSimplices32, vNeighbors32, vVertexOfPoint32, vCoplanar32;
+  std::unique_ptr<int64_t[]> vSimplices64, vNeighbors64, vVertexOfPoint64, vCoplanar64;
+
+  template <class I> void fill(Triangulation& tri, const std::vector<Tet3*>& vTets);
+  py::tuple toPython();
+};
+
+class Triangulation {
+public:
+  explicit Triangulation(bool bVerbose_) : bVerbose(bVerbose_) {
+    py::gil_scoped_release nogil;
+    std::lock_guard<std::mutex> lock(libraryMutex);
+    ConsoleCapture console(bVerbose);
+    pDt.reset(new Dt3(nullptr));
+  }
+
+  ~Triangulation() {
+    // Destroying a large mesh can print (the pools count their blocks), so
+    // it happens under the mutex. The GIL is given up only if another thread
+    // is inside the library, which can't be the case at interpreter exit.
+    if (libraryMutex.try_lock()) {
+      release();
+      libraryMutex.unlock();
+    } else {
+      py::gil_scoped_release nogil;
+      std::lock_guard<std::mutex> lock(libraryMutex);
+      release();
+    }
+  }
+
+  bool isOpen() const { return pDt != nullptr; }
+  bool is3D() const { return pDt != nullptr && pDt->is3D(); }
+
+  // Inserts the rows of xyz (float64, C order, shape (n,3)) and answers the
+  // arrays of the whole triangulation: (points of this call, simplices,
+  // neighbors, vertex_of_point, coplanar). Bad rows raise ValueError before
+  // anything is stored; an interrupt or a library failure closes the object.
+  py::tuple insert(const py::array_t<double, py::array::c_style>& xyz, py::object progress) {
+    requireOpen();
+    int64_t n = 0;
+    const double* pXyz = rowsOf(xyz, n);
+    const int64_t numOld = static_cast<int64_t>(vHandles.size());
+    std::unique_ptr<double[]> vCopy = uninitialized<double>(3 * static_cast<size_t>(n));
+    ProgressContext context{progress, PendingError()};
+    Failure failure;
+    Arrays arrays;
+    {
+      py::gil_scoped_release nogil;
+      std::lock_guard<std::mutex> lock(libraryMutex);
+      ConsoleCapture console(bVerbose);
+      const int64_t bad = findBadRow(pXyz, n, failure.message);
+      if (bad >= 0) {
+        failure.kind = Failure::BAD_ROW;
+        failure.message = "row " + std::to_string(bad) + ": " + failure.message;
+      } else {
+        try {
+          insertRows(pXyz, n, vCopy.get(), context);
+          if (context.pending.isSet()) {
+            failure.kind = Failure::INTERRUPTED;
+          } else {
+            std::vector<Tet3*> vTets;
+            numberTets(vTets);
+            arrays.bInt64 = std::max<int64_t>(numOld + n, vTets.size()) > int32Limit;
+            if (arrays.bInt64)
+              arrays.fill<int64_t>(*this, vTets);
+            else
+              arrays.fill<int32_t>(*this, vTets);
+          }
+        } catch (VelmException&) {
+          failure.kind = Failure::ASSERTION;
+          failure.message = console.assertionReport();
+        } catch (std::bad_alloc&) {
+          failure.kind = Failure::NO_MEMORY;
+        }
+        if (failure.kind != Failure::NONE) release();
+      }
+    }
+    if (failure.kind != Failure::NONE) failure.raise(context.pending);
+    py::tuple t = arrays.toPython();
+    return py::make_tuple(adopt(vCopy, {n, 3}), t[0], t[1], t[2], t[3]);
+  }
+
+  // Row of the simplices array of a tetrahedron that contains each query
+  // point (closed: points on facets, edges and vertices are found), -1 for
+  // points outside the convex hull; by exact point location.
+  py::array findSimplex(const py::array_t<double, py::array::c_style>& xyz) {
+    requireOpen();
+    int64_t n = 0;
+    const double* pXyz = rowsOf(xyz, n);
+    std::unique_ptr<int64_t[]> vResult = uninitialized<int64_t>(static_cast<size_t>(n));
+    ProgressContext context{py::none(), PendingError()};
+    Failure failure;
+    {
+      py::gil_scoped_release nogil;
+      std::lock_guard<std::mutex> lock(libraryMutex);
+      ConsoleCapture console(bVerbose);
+      const int64_t bad = findBadRow(pXyz, n, failure.message);
+      if (bad >= 0) {
+        failure.kind = Failure::BAD_ROW;
+        failure.message = "row " + std::to_string(bad) + ": " + failure.message;
+      } else {
+        try {
+          for (int64_t i = 0; i < n; ++i) {
+            if ((i & 65535) == 65535 && !context.report(i, n)) {
+              failure.kind = Failure::INTERRUPTED;
+              break;
+            }
+            vResult[i] = locate(Point3(pXyz[3 * i], pXyz[3 * i + 1], pXyz[3 * i + 2]));
+          }
+        } catch (VelmException&) {
+          failure.kind = Failure::ASSERTION;
+          failure.message = console.assertionReport();
+        }
+      }
+    }
+    if (failure.kind != Failure::NONE) failure.raise(context.pending);
+    return adopt(vResult, {n});
+  }
+
+  // The library's exact tests on every live tetrahedron and facet: positive
+  // orientation, symmetric links, the neighbour's vertex strictly beyond the
+  // shared facet and not strictly inside the circumsphere; and every point
+  // has a vertex in the mesh. Nothing is printed and no file is written.
+  bool check() {
+    requireOpen();
+    ProgressContext context{py::none(), PendingError()};
+    bool bValid = false;
+    Failure failure;
+    {
+      py::gil_scoped_release nogil;
+      std::lock_guard<std::mutex> lock(libraryMutex);
+      ConsoleCapture console(bVerbose);
+      try {
+        bValid = checkMesh(context);
+        if (context.pending.isSet()) failure.kind = Failure::INTERRUPTED;
+      } catch (VelmException&) {
+        failure.kind = Failure::ASSERTION;
+        failure.message = console.assertionReport();
+      }
+    }
+    if (failure.kind != Failure::NONE) failure.raise(context.pending);
+    return bValid;
+  }
+
+  // Releases the mesh; the arrays handed out stay valid.
+  void close() {
+    py::gil_scoped_release nogil;
+    std::lock_guard<std::mutex> lock(libraryMutex);
+    ConsoleCapture console(bVerbose);
+    release();
+  }
+
+  // A library assertion on purpose (getAllTetrahedra wants an empty vector),
+  // to test the way a report becomes a RuntimeError.
+  void failAssertionForTest() {
+    requireOpen();
+    Failure failure;
+    {
+      py::gil_scoped_release nogil;
+      std::lock_guard<std::mutex> lock(libraryMutex);
+      ConsoleCapture console(bVerbose);
+      try {
+        std::vector<Tet3*> vTets(1, nullptr);
+        pDt->getAllTetrahedra(vTets);
+      } catch (VelmException&) {
+        failure.kind = Failure::ASSERTION;
+        failure.message = console.assertionReport();
+      }
+    }
+    PendingError none;
+    if (failure.kind != Failure::NONE) failure.raise(none);
+  }
+
+  int64_t representative(int64_t i) const { return vHandles[i]->getCustomIndex(); }
+  const std::vector<Point3*>& getHandles() const { return vHandles; }
+
+private:
+  void requireOpen() const {
+    if (pDt == nullptr)
+      throw std::runtime_error("the triangulation was closed, interrupted or failed; its arrays remain");
+  }
+
+  // With the mutex held.
+  void release() {
+    pDt.reset();
+    std::vector<Point3*>().swap(vHandles);
+  }
+
+  // With the mutex held: stores and triangulates n rows, records each
+  // point's vertex and gives new vertices their representative index.
+  void insertRows(const double* pXyz, int64_t n, double* pCopy, ProgressContext& context) {
+    if (n == 0) return;
+    std::vector<Point3> vPoints;
+    vPoints.reserve(static_cast<size_t>(n));
+    for (int64_t i = 0; i < n; ++i) {
+      const double x = pXyz[3 * i], y = pXyz[3 * i + 1], z = pXyz[3 * i + 2];
+      pCopy[3 * i] = x;
+      pCopy[3 * i + 1] = y;
+      pCopy[3 * i + 2] = z;
+      vPoints.emplace_back(x, y, z);
+    }
+    const bool bWas3D = pDt->is3D();
+    const bool bHadVertices = pDt->getStore().getNumStoredVtx() > 0;
+    std::vector<Point3*> vBatch;
+    pDt->setProgressCallback(&ProgressContext::onProgress, &context);
+    pDt->insertVector(vPoints, vBatch);
+    if (!context.pending.isSet() && !bWas3D && bHadVertices && pDt->is3D()) {
+      // The batch that makes the mesh full dimensional triangulates either
+      // its own new vertices or the whole store, chosen by comparing counts
+      // only; vertices stored by earlier batches can be left out. They are
+      // the ones without a tetrahedron.
+      std::vector<Point3*> vAll, vLeft;
+      pDt->getVertexPointers(vAll);
+      for (Point3* pVtx : vAll)
+        if (pVtx->getOneTet() == nullptr) vLeft.push_back(pVtx);
+      if (!vLeft.empty()) pDt->triangulate(vLeft, pDt->getStore().getCloseTet(vLeft[0]));
+    }
+    pDt->setProgressCallback(nullptr, nullptr);
+    // A vertex stored before this call has a representative i below the
+    // first new index with vHandles[i] equal to it. Any other customIndex
+    // is what the store's fresh record happened to hold, and is replaced.
+    const int64_t numOld = static_cast<int64_t>(vHandles.size());
+    vHandles.insert(vHandles.end(), vBatch.begin(), vBatch.end());
+    for (int64_t i = numOld; i < numOld + n; ++i) {
+      Point3* pVtx = vHandles[i];
+      const int64_t ci = pVtx->getCustomIndex();
+      if (ci >= 0 && ci < i && vHandles[ci] == pVtx) continue;
+      if (i > std::numeric_limits<int>::max()) throw std::bad_alloc();
+      pVtx->setCustomIndex(static_cast<int>(i));
+    }
+  }
+
+  // With the mutex held: all live tetrahedra, breadth first from the first
+  // point's incident tetrahedron; customIndex becomes the position in vTets.
+  // A tetrahedron counts as numbered when its customIndex names its own
+  // position, so no marks need clearing between calls.
+  void numberTets(std::vector<Tet3*>& vTets) const {
+    if (!pDt->is3D()) return;
+    Tet3* pSeed = vHandles[0]->getOneTet();
+    vTets.reserve(7 * vHandles.size() + 16);
+    pSeed->setCustomIndex(0);
+    vTets.push_back(pSeed);
+    for (size_t head = 0; head < vTets.size(); ++head) {
+      const Tet3* pTet = vTets[head];
+      for (int i = 0; i < 4; ++i) {
+        Tet3* pOpp = pTet->getOppTet(i);
+        if (pOpp == nullptr) continue;
+        const int ci = pOpp->getCustomIndex();
+        if (ci >= 0 && static_cast<size_t>(ci) < vTets.size() && vTets[ci] == pOpp) continue;
+        if (vTets.size() >= static_cast<size_t>(std::numeric_limits<int>::max())) throw std::bad_alloc();
+        pOpp->setCustomIndex(static_cast<int>(vTets.size()));
+        vTets.push_back(pOpp);
+      }
+    }
+  }
+
+  // With the mutex held.
+  int64_t locate(Point3 p) {
+    if (!pDt->is3D()) return -1;
+    Tet3* pTet = pDt->getStore().getCloseTet(p);
+    const int result = pDt->locateConflictTet(&p, pTet);
+    if (result == -1 || result == -2) return pTet->getCustomIndex();
+    VELM_ASSERT(result!=-99);
+    // Beyond hull facet `result`, or in its closed triangle.
+    if (pDt->getPredicates().getOrientation3(pTet, result, &p) == ORI3_ZERO) return pTet->getCustomIndex();
+    return -1;
+  }
+
+  // With the mutex held.
+  bool checkMesh(ProgressContext& context) {
+    for (Point3* pVtx : vHandles)
+      if (pVtx->getOneTet() == nullptr && pDt->is3D()) return false;
+    if (!pDt->is3D()) return true;
+    const ExactTest& predicates = pDt->getPredicates();
+    std::vector<Tet3*> vTets;
+    numberTets(vTets);
+    for (size_t t = 0; t < vTets.size(); ++t) {
+      if ((t & 65535) == 65535 && !context.report(t, vTets.size())) return false;
+      Tet3* pTet = vTets[t];
+      if (pTet->hasBeenVisited) return false;
+      if (predicates.getOrientation3(pTet->getCorner(0), pTet->getCorner(1), pTet->getCorner(2),
+                                     pTet->getCorner(3)) != ORIENTATION3_POSITIVE)
+        return false;
+      for (int i = 0; i < 4; ++i) {
+        const Tet3* pOpp = pTet->getOppTet(i);
+        if (pOpp == nullptr) continue;
+        int j = 0;
+        while (j < 4 && pOpp->getOppTet(j) != pTet) ++j;
+        if (j == 4) return false;
+        const Point3* pOppVtx = pOpp->getCorner(j);
+        for (int k = 0; k < 3; ++k)
+          if (!pTet->hasVertex(pOpp->getCorner(Tet3::facetIndices[j][k]))) return false;
+        if (predicates.getOrientation3(pTet, i, pOppVtx) != ORIENTATION3_NEGATIVE) return false;
+        if (predicates.sphereInclusionTest(pTet, pOppVtx) == SIC_INSIDE) return false;
+      }
+    }
+    return true;
+  }
+
+  std::unique_ptr<Dt3> pDt;
+  std::vector<Point3*> vHandles; // the stored vertex of each point
+  bool bVerbose;
+};
+
+template <class I> void Arrays::fill(Triangulation& tri, const std::vector<Tet3*>& vTets) {
+  const std::vector<Point3*>& vHandles = tri.getHandles();
+  numPoints = static_cast<int64_t>(vHandles.size());
+  numTets = static_cast<int64_t>(vTets.size());
+  std::unique_ptr<I[]> vSimplices = uninitialized<I>(4 * vTets.size());
+  std::unique_ptr<I[]> vNeighbors = uninitialized<I>(4 * vTets.size());
+  std::unique_ptr<I[]> vVertexOfPoint = uninitialized<I>(vHandles.size());
+  I* pS = vSimplices.get();
+  I* pN = vNeighbors.get();
+  for (const Tet3* pTet : vTets) {
+    for (int i = 0; i < 4; ++i) {
+      *pS++ = static_cast<I>(pTet->getCorner(i)->getCustomIndex());
+      const Tet3* pOpp = pTet->getOppTet(i);
+      *pN++ = pOpp == nullptr ? I(-1) : static_cast<I>(pOpp->getCustomIndex());
+    }
+  }
+  numCoplanar = 0;
+  for (int64_t i = 0; i < numPoints; ++i) {
+    vVertexOfPoint[i] = static_cast<I>(tri.representative(i));
+    if (vVertexOfPoint[i] != i) ++numCoplanar;
+  }
+  // Rows [point, a tetrahedron of its vertex, its vertex] for the points
+  // that repeat an earlier one.
+  std::unique_ptr<I[]> vCoplanar = uninitialized<I>(3 * static_cast<size_t>(numCoplanar));
+  I* pC = vCoplanar.get();
+  for (int64_t i = 0; i < numPoints; ++i) {
+    if (vVertexOfPoint[i] == i) continue;
+    const Tet3* pOne = vHandles[i]->getOneTet();
+    *pC++ = static_cast<I>(i);
+    *pC++ = pOne == nullptr ? I(-1) : static_cast<I>(pOne->getCustomIndex());
+    *pC++ = vVertexOfPoint[i];
+  }
+  if constexpr (sizeof(I) == 4) {
+    vSimplices32 = std::move(vSimplices);
+    vNeighbors32 = std::move(vNeighbors);
+    vVertexOfPoint32 = std::move(vVertexOfPoint);
+    vCoplanar32 = std::move(vCoplanar);
+  } else {
+    vSimplices64 = std::move(vSimplices);
+    vNeighbors64 = std::move(vNeighbors);
+    vVertexOfPoint64 = std::move(vVertexOfPoint);
+    vCoplanar64 = std::move(vCoplanar);
+  }
+}
+
+py::tuple Arrays::toPython() {
+  if (bInt64)
+    return py::make_tuple(adopt(vSimplices64, {numTets, 4}), adopt(vNeighbors64, {numTets, 4}),
+                          adopt(vVertexOfPoint64, {numPoints}), adopt(vCoplanar64, {numCoplanar, 3}));
+  return py::make_tuple(adopt(vSimplices32, {numTets, 4}), adopt(vNeighbors32, {numTets, 4}),
+                        adopt(vVertexOfPoint32, {numPoints}), adopt(vCoplanar32, {numCoplanar, 3}));
+}
+
+// ---------------------------------------------------------------------------
+// Derived arrays, from the index arrays alone (no library, no mutex).
+
+template <class I> py::array vertexToSimplex(const py::array_t<I, py::array::c_style>& simplices, int64_t numPoints) {
+  const int64_t m = simplices.shape(0);
+  const I* pS = simplices.data();
+  std::unique_ptr<I[]> v = uninitialized<I>(static_cast<size_t>(numPoints));
+  {
+    py::gil_scoped_release nogil;
+    std::fill(v.get(), v.get() + numPoints, I(-1));
+    for (int64_t t = 0; t < m; ++t)
+      for (int i = 0; i < 4; ++i) v[pS[4 * t + i]] = static_cast<I>(t);
+  }
+  return adopt(v, {numPoints});
+}
+
+// The vertices joined to each vertex by an edge, in CSR form, each list
+// ascending: the star of a vertex is walked through the neighbours across
+// the facets that contain it.
+template <class I>
+py::tuple vertexNeighborVertices(const py::array_t<I, py::array::c_style>& simplices,
+                                 const py::array_t<I, py::array::c_style>& neighbors,
+                                 const py::array_t<I, py::array::c_style>& vertexToSimplex) {
+  const int64_t numPoints = vertexToSimplex.shape(0);
+  const I* pS = simplices.data();
+  const I* pN = neighbors.data();
+  const I* pV2S = vertexToSimplex.data();
+  std::unique_ptr<I[]> vIndptr = uninitialized<I>(static_cast<size_t>(numPoints) + 1);
+  std::vector<I> vIndices;
+  {
+    py::gil_scoped_release nogil;
+    vIndices.reserve(static_cast<size_t>(simplices.shape(0)) * 3 + 16);
+    std::vector<I> vStack, vTetsSeen, vStar;
+    std::vector<int64_t> vLastSeen(numPoints, -1);
+    std::vector<int64_t> vTetSeenBy(static_cast<size_t>(simplices.shape(0)), -1);
+    vIndptr[0] = 0;
+    for (int64_t v = 0; v < numPoints; ++v) {
+      vStar.clear();
+      if (pV2S[v] >= 0) {
+        vStack.assign(1, pV2S[v]);
+        vTetSeenBy[pV2S[v]] = v;
+        while (!vStack.empty()) {
+          const I t = vStack.back();
+          vStack.pop_back();
+          for (int i = 0; i < 4; ++i) {
+            const I w = pS[4 * t + i];
+            if (w == v) continue;
+            if (vLastSeen[w] != v) {
+              vLastSeen[w] = v;
+              vStar.push_back(w);
+            }
+            // The facet opposite w contains v.
+            const I o = pN[4 * t + i];
+            if (o >= 0 && vTetSeenBy[o] != v) {
+              vTetSeenBy[o] = v;
+              vStack.push_back(o);
+            }
+          }
+        }
+        std::sort(vStar.begin(), vStar.end());
+        vIndices.insert(vIndices.end(), vStar.begin(), vStar.end());
+      }
+      vIndptr[v + 1] = static_cast<I>(vIndices.size());
+    }
+  }
+  std::unique_ptr<I[]> vOut = uninitialized<I>(vIndices.size());
+  std::copy(vIndices.begin(), vIndices.end(), vOut.get());
+  const py::ssize_t numIndices = static_cast<py::ssize_t>(vIndices.size());
+  return py::make_tuple(adopt(vIndptr, {numPoints + 1}), adopt(vOut, {numIndices}));
+}
+
+// The hull facets, each with its corners counterclockwise seen from outside
+// (the facet table's order: the tetrahedron's own corner lies below).
+template <class I>
+py::array convexHull(const py::array_t<I, py::array::c_style>& simplices, const py::array_t<I, py::array::c_style>& neighbors) {
+  const int64_t m = simplices.shape(0);
+  const I* pS = simplices.data();
+  const I* pN = neighbors.data();
+  int64_t h = 0;
+  for (int64_t k = 0; k < 4 * m; ++k) h += pN[k] < 0;
+  std::unique_ptr<I[]> v = uninitialized<I>(3 * static_cast<size_t>(h));
+  I* p = v.get();
+  for (int64_t t = 0; t < m; ++t)
+    for (int i = 0; i < 4; ++i)
+      if (pN[4 * t + i] < 0)
+        for (int k = 0; k < 3; ++k) *p++ = pS[4 * t + Tet3::facetIndices[i][k]];
+  return adopt(v, {h, 3});
+}
+
+// The exact sign of the orientation of four points, through the library's
+// predicates (+1 when d lies on the side to which (b-a) x (c-a) points).
+int orientationSign(std::vector<double> a, std::vector<double> b, std::vector<double> c, std::vector<double> d) {
+  if (a.size() != 3 || b.size() != 3 || c.size() != 3 || d.size() != 3)
+    throw py::value_error("expected four points of three coordinates");
+  const Point3 pa(a[0], a[1], a[2]), pb(b[0], b[1], b[2]), pc(c[0], c[1], c[2]), pd(d[0], d[1], d[2]);
+  py::gil_scoped_release nogil;
+  std::lock_guard<std::mutex> lock(libraryMutex);
+  static const ExactTest predicates;
+  switch (predicates.getOrientation3(&pa, &pb, &pc, &pd)) {
+  case ORIENTATION3_POSITIVE: return 1;
+  case ORIENTATION3_NEGATIVE: return -1;
+  default: return 0;
+  }
+}
+
+// The rounding error of a*b as the library's Two_Product finds it: exact
+// only when no multiply-add was contracted in this build.
+double twoProductTail(double a, double b) {
+  const double splitter = 134217729.0; // 2^27 + 1
+  double x, y;
+  Two_Product(a, b, x, y, splitter);
+  return y;
+}
+
+} // namespace
+
+PYBIND11_MODULE(_core, m) {
+  m.doc() = "libvelm3d's exact 3D Delaunay triangulation for NumPy arrays (use velm3d.Delaunay)";
+  py::class_<Triangulation>(m, "Triangulation")
+      .def(py::init<bool>(), py::arg("verbose") = false)
+      .def("insert", &Triangulation::insert, py::arg("xyz"), py::arg("progress") = py::none())
+      .def("find_simplex", &Triangulation::findSimplex, py::arg("xyz"))
+      .def("check", &Triangulation::check)
+      .def("close", &Triangulation::close)
+      .def_property_readonly("is_open", &Triangulation::isOpen)
+      .def_property_readonly("is_3d", &Triangulation::is3D)
+      .def("_fail_assertion_for_test", &Triangulation::failAssertionForTest);
+  m.def("vertex_to_simplex", &vertexToSimplex<int32_t>);
+  m.def("vertex_to_simplex", &vertexToSimplex<int64_t>);
+  m.def("vertex_neighbor_vertices", &vertexNeighborVertices<int32_t>);
+  m.def("vertex_neighbor_vertices", &vertexNeighborVertices<int64_t>);
+  m.def("convex_hull", &convexHull<int32_t>);
+  m.def("convex_hull", &convexHull<int64_t>);
+  m.def("_orientation_sign", &orientationSign);
+  m.def("_two_product_tail", &twoProductTail);
+  m.def("_set_int32_limit", [](int64_t limit) { int32Limit = limit; });
+  m.attr("numInsertionsPerReport") = Dt3::numInsertionsPerReport;
+}
