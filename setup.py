@@ -21,6 +21,8 @@ if platform.machine() in ("x86_64", "AMD64"):
 ParallelCompile("VELM3D_BUILD_JOBS", default=2).install()
 
 setup(
+    package_dir={"": "python"},
+    packages=["velm3d"],
     ext_modules=[
         Pybind11Extension(
             "velm3d._core",

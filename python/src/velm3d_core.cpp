@@ -691,10 +691,11 @@ py::array convexHull(const py::array_t<I, py::array::c_style>& simplices, const 
 
 // The exact sign of the orientation of four points, through the library's
 // predicates (+1 when d lies on the side to which (b-a) x (c-a) points).
-int orientationSign(std::vector<double> a, std::vector<double> b, std::vector<double> c, std::vector<double> d) {
-  if (a.size() != 3 || b.size() != 3 || c.size() != 3 || d.size() != 3)
+int orientationSign(const py::array_t<double, py::array::c_style | py::array::forcecast>& abcd) {
+  if (abcd.ndim() != 2 || abcd.shape(0) != 4 || abcd.shape(1) != 3)
     throw py::value_error("expected four points of three coordinates");
-  const Point3 pa(a[0], a[1], a[2]), pb(b[0], b[1], b[2]), pc(c[0], c[1], c[2]), pd(d[0], d[1], d[2]);
+  const double* p = abcd.data();
+  const Point3 pa(p[0], p[1], p[2]), pb(p[3], p[4], p[5]), pc(p[6], p[7], p[8]), pd(p[9], p[10], p[11]);
   py::gil_scoped_release nogil;
   std::lock_guard<std::mutex> lock(libraryMutex);
   static const ExactTest predicates;
