@@ -22,6 +22,10 @@
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
 #include <cmath>
 #include <cstdint>
 #include <iostream>
@@ -427,8 +431,14 @@ private:
 
   // With the mutex held.
   void release() {
+    if (pDt == nullptr) return;
     pDt.reset();
     std::vector<Point3*>().swap(vHandles);
+#ifdef __GLIBC__
+    // The mesh's small blocks (ordered-set nodes, arrays) sit in the heap;
+    // give its free top and free pages back to the system.
+    malloc_trim(0);
+#endif
   }
 
   // With the mutex held: stores and triangulates n rows, records each

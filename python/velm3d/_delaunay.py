@@ -70,7 +70,7 @@ class _ProgressBar:
             self.bar.update(done - self.done)
         else:
             now = time.monotonic()
-            if now - self.last_line >= 0.25:
+            if now - self.last_line >= 0.25 or done == total:
                 self.last_line = now
                 sys.stderr.write(f"\rvelm3d: {done} of {total} points inserted ({100 * done // total}%)")
                 sys.stderr.flush()
