@@ -204,19 +204,41 @@ struct Failure {
   }
 };
 
-// A buffer handed to NumPy; the capsule frees it with the array.
-template <class T> py::array adopt(std::unique_ptr<T[]>& p, std::vector<py::ssize_t> shape) {
-  T* raw = p.release();
-  py::capsule owner(raw, [](void* q) { delete[] static_cast<T*>(q); });
-  return py::array_t<T>(shape, raw, owner);
-}
+// An uninitialised array that can grow and shrink in place (realloc of a
+// large block remaps pages, it does not copy), handed to NumPy at the end:
+// the capsule frees it with the array.
+template <class T> class Buffer {
+public:
+  explicit Buffer(size_t n = 0) : p(nullptr), num(0) { resize(n); }
+  ~Buffer() { free(p); }
+  Buffer(const Buffer&) = delete;
+  Buffer& operator=(const Buffer&) = delete;
 
-template <class T> std::unique_ptr<T[]> uninitialized(size_t n) {
-  return std::unique_ptr<T[]>(new T[n == 0 ? 1 : n]);
-}
+  void resize(size_t n) {
+    T* q = static_cast<T*>(realloc(p, (n == 0 ? 1 : n) * sizeof(T)));
+    if (q == nullptr) throw std::bad_alloc();
+    p = q;
+    num = n;
+  }
+  T* data() { return p; }
+  T& operator[](size_t i) { return p[i]; }
+  size_t size() const { return num; }
+  py::array toNumPy(std::vector<py::ssize_t> shape) {
+    T* raw = p;
+    p = nullptr;
+    resize(0);
+    py::capsule owner(raw, [](void* q) { free(q); });
+    return py::array_t<T>(shape, raw, owner);
+  }
 
-// The first row of an (n,3) array that is not in the exact domain, or -1.
-int64_t findBadRow(const double* p, int64_t n, std::string& why) {
+private:
+  T* p;
+  size_t num;
+};
+
+// False, with the first row of an (n,3) array that is not in the exact
+// domain named in the failure, if there is one.
+bool rowsInDomain(const double* p, int64_t n, Failure& failure) {
   for (int64_t i = 0; i < n; ++i)
     for (int k = 0; k < 3; ++k) {
       const double c = p[3 * i + k];
@@ -224,15 +246,16 @@ int64_t findBadRow(const double* p, int64_t n, std::string& why) {
       if (a <= maxCoordinate && (a >= minNonzeroCoordinate || c == 0.0)) continue;
       std::ostringstream oss;
       oss.precision(17);
+      oss << "row " << i << ": coordinate " << c;
       if (!std::isfinite(c))
-        oss << "coordinate " << c << " is not finite";
+        oss << " is not finite";
       else
-        oss << "coordinate " << c << " is outside the range of exact arithmetic (|c| <= 1e60, and "
-            << "|c| >= 1e-48 unless c is 0)";
-      why = oss.str();
-      return i;
+        oss << " is outside the range of exact arithmetic (|c| <= 1e60, and |c| >= 1e-48 unless c is 0)";
+      failure.kind = Failure::BAD_ROW;
+      failure.message = oss.str();
+      return false;
     }
-  return -1;
+  return true;
 }
 
 const double* rowsOf(const py::array_t<double, py::array::c_style>& a, int64_t& n) {
@@ -241,17 +264,16 @@ const double* rowsOf(const py::array_t<double, py::array::c_style>& a, int64_t& 
   return a.data();
 }
 
-class Triangulation;
-
-// Index arrays of one triangulation state, filled without the GIL.
-struct Arrays {
-  bool bInt64 = false;
-  int64_t numPoints = 0, numTets = 0, numCoplanar = 0;
-  std::unique_ptr<int32_t[]> vSimplices32, vNeighbors32, vVertexOfPoint32, vCoplanar32;
-  std::unique_ptr<int64_t[]> vSimplices64, vNeighbors64, vVertexOfPoint64, vCoplanar64;
-
-  template <class I> void fill(Triangulation& tri, const std::vector<Tet3*>& vTets);
-  py::tuple toPython();
+// The index arrays of one triangulation state, filled without the GIL.
+template <class I> struct IndexArrays {
+  Buffer<I> simplices, neighbors, vertexOfPoint, coplanar;
+  py::tuple toPython() {
+    const py::ssize_t m = static_cast<py::ssize_t>(simplices.size() / 4);
+    const py::ssize_t k = static_cast<py::ssize_t>(coplanar.size() / 3);
+    const py::ssize_t n = static_cast<py::ssize_t>(vertexOfPoint.size());
+    return py::make_tuple(simplices.toNumPy({m, 4}), neighbors.toNumPy({m, 4}), vertexOfPoint.toNumPy({n}),
+                          coplanar.toNumPy({k, 3}));
+  }
 };
 
 class Triangulation {
@@ -285,85 +307,40 @@ public:
   // neighbors, vertex_of_point, coplanar). Bad rows raise ValueError before
   // anything is stored; an interrupt or a library failure closes the object.
   py::tuple insert(const py::array_t<double, py::array::c_style>& xyz, py::object progress) {
-    requireOpen();
     int64_t n = 0;
     const double* pXyz = rowsOf(xyz, n);
-    const int64_t numOld = static_cast<int64_t>(vHandles.size());
-    std::unique_ptr<double[]> vCopy = uninitialized<double>(3 * static_cast<size_t>(n));
+    Buffer<double> vCopy(3 * static_cast<size_t>(n));
     ProgressContext context{progress, PendingError()};
-    Failure failure;
-    Arrays arrays;
-    {
-      py::gil_scoped_release nogil;
-      std::lock_guard<std::mutex> lock(libraryMutex);
-      ConsoleCapture console(bVerbose);
-      const int64_t bad = findBadRow(pXyz, n, failure.message);
-      if (bad >= 0) {
-        failure.kind = Failure::BAD_ROW;
-        failure.message = "row " + std::to_string(bad) + ": " + failure.message;
-      } else {
-        try {
-          insertRows(pXyz, n, vCopy.get(), context);
-          if (context.pending.isSet()) {
-            failure.kind = Failure::INTERRUPTED;
-          } else {
-            std::vector<Tet3*> vTets;
-            numberTets(vTets);
-            arrays.bInt64 = std::max<int64_t>(numOld + n, vTets.size()) > int32Limit;
-            if (arrays.bInt64)
-              arrays.fill<int64_t>(*this, vTets);
-            else
-              arrays.fill<int32_t>(*this, vTets);
-          }
-        } catch (VelmException&) {
-          failure.kind = Failure::ASSERTION;
-          failure.message = console.assertionReport();
-        } catch (std::bad_alloc&) {
-          failure.kind = Failure::NO_MEMORY;
-        }
-        if (failure.kind != Failure::NONE) release();
-      }
-    }
-    if (failure.kind != Failure::NONE) failure.raise(context.pending);
-    py::tuple t = arrays.toPython();
-    return py::make_tuple(adopt(vCopy, {n, 3}), t[0], t[1], t[2], t[3]);
+    IndexArrays<int32_t> arrays32;
+    IndexArrays<int64_t> arrays64;
+    bool bInt64 = false;
+    callLibrary(context, true, [&](Failure& failure) {
+      if (!rowsInDomain(pXyz, n, failure)) return;
+      insertRows(pXyz, n, vCopy.data(), context);
+      if (context.pending.isSet()) return;
+      bInt64 = static_cast<int64_t>(vHandles.size()) > int32Limit || !numberAndFill(arrays32);
+      if (bInt64) numberAndFill(arrays64);
+    });
+    py::tuple t = bInt64 ? arrays64.toPython() : arrays32.toPython();
+    return py::make_tuple(vCopy.toNumPy({n, 3}), t[0], t[1], t[2], t[3]);
   }
 
   // Row of the simplices array of a tetrahedron that contains each query
   // point (closed: points on facets, edges and vertices are found), -1 for
   // points outside the convex hull; by exact point location.
   py::array findSimplex(const py::array_t<double, py::array::c_style>& xyz) {
-    requireOpen();
     int64_t n = 0;
     const double* pXyz = rowsOf(xyz, n);
-    std::unique_ptr<int64_t[]> vResult = uninitialized<int64_t>(static_cast<size_t>(n));
+    Buffer<int64_t> vResult(static_cast<size_t>(n));
     ProgressContext context{py::none(), PendingError()};
-    Failure failure;
-    {
-      py::gil_scoped_release nogil;
-      std::lock_guard<std::mutex> lock(libraryMutex);
-      ConsoleCapture console(bVerbose);
-      const int64_t bad = findBadRow(pXyz, n, failure.message);
-      if (bad >= 0) {
-        failure.kind = Failure::BAD_ROW;
-        failure.message = "row " + std::to_string(bad) + ": " + failure.message;
-      } else {
-        try {
-          for (int64_t i = 0; i < n; ++i) {
-            if ((i & 65535) == 65535 && !context.report(i, n)) {
-              failure.kind = Failure::INTERRUPTED;
-              break;
-            }
-            vResult[i] = locate(Point3(pXyz[3 * i], pXyz[3 * i + 1], pXyz[3 * i + 2]));
-          }
-        } catch (VelmException&) {
-          failure.kind = Failure::ASSERTION;
-          failure.message = console.assertionReport();
-        }
+    callLibrary(context, false, [&](Failure& failure) {
+      if (!rowsInDomain(pXyz, n, failure)) return;
+      for (int64_t i = 0; i < n; ++i) {
+        if ((i & 65535) == 65535 && !context.report(i, n)) return;
+        vResult[i] = locate(Point3(pXyz[3 * i], pXyz[3 * i + 1], pXyz[3 * i + 2]));
       }
-    }
-    if (failure.kind != Failure::NONE) failure.raise(context.pending);
-    return adopt(vResult, {n});
+    });
+    return vResult.toNumPy({n});
   }
 
   // The library's exact tests on every live tetrahedron and facet: positive
@@ -371,23 +348,9 @@ public:
   // shared facet and not strictly inside the circumsphere; and every point
   // has a vertex in the mesh. Nothing is printed and no file is written.
   bool check() {
-    requireOpen();
     ProgressContext context{py::none(), PendingError()};
     bool bValid = false;
-    Failure failure;
-    {
-      py::gil_scoped_release nogil;
-      std::lock_guard<std::mutex> lock(libraryMutex);
-      ConsoleCapture console(bVerbose);
-      try {
-        bValid = checkMesh(context);
-        if (context.pending.isSet()) failure.kind = Failure::INTERRUPTED;
-      } catch (VelmException&) {
-        failure.kind = Failure::ASSERTION;
-        failure.message = console.assertionReport();
-      }
-    }
-    if (failure.kind != Failure::NONE) failure.raise(context.pending);
+    callLibrary(context, false, [&](Failure&) { bValid = checkMesh(context); });
     return bValid;
   }
 
@@ -402,31 +365,38 @@ public:
   // A library assertion on purpose (getAllTetrahedra wants an empty vector),
   // to test the way a report becomes a RuntimeError.
   void failAssertionForTest() {
-    requireOpen();
+    ProgressContext context{py::none(), PendingError()};
+    callLibrary(context, false, [&](Failure&) {
+      std::vector<Tet3*> vTets(1, nullptr);
+      pDt->getAllTetrahedra(vTets);
+    });
+  }
+
+private:
+  // Runs work(failure) with the GIL released, under the library mutex and
+  // with the console caught. A bad row, an interrupt, an assertion report or
+  // exhausted memory comes out as the matching Python exception; after the
+  // last three, bCloseOnFailure releases the mesh, whose state is unknown.
+  template <class F> void callLibrary(ProgressContext& context, bool bCloseOnFailure, F work) {
+    if (pDt == nullptr)
+      throw std::runtime_error("the triangulation was closed, interrupted or failed; its arrays remain");
     Failure failure;
     {
       py::gil_scoped_release nogil;
       std::lock_guard<std::mutex> lock(libraryMutex);
       ConsoleCapture console(bVerbose);
       try {
-        std::vector<Tet3*> vTets(1, nullptr);
-        pDt->getAllTetrahedra(vTets);
+        work(failure);
+        if (context.pending.isSet()) failure.kind = Failure::INTERRUPTED;
       } catch (VelmException&) {
         failure.kind = Failure::ASSERTION;
         failure.message = console.assertionReport();
+      } catch (std::bad_alloc&) {
+        failure.kind = Failure::NO_MEMORY;
       }
+      if (bCloseOnFailure && failure.kind != Failure::NONE && failure.kind != Failure::BAD_ROW) release();
     }
-    PendingError none;
-    if (failure.kind != Failure::NONE) failure.raise(none);
-  }
-
-  int64_t representative(int64_t i) const { return vHandles[i]->getCustomIndex(); }
-  const std::vector<Point3*>& getHandles() const { return vHandles; }
-
-private:
-  void requireOpen() const {
-    if (pDt == nullptr)
-      throw std::runtime_error("the triangulation was closed, interrupted or failed; its arrays remain");
+    if (failure.kind != Failure::NONE) failure.raise(context.pending);
   }
 
   // With the mutex held.
@@ -485,28 +455,102 @@ private:
     }
   }
 
-  // With the mutex held: all live tetrahedra, breadth first from the first
-  // point's incident tetrahedron; customIndex becomes the position in vTets.
-  // A tetrahedron counts as numbered when its customIndex names its own
-  // position, so no marks need clearing between calls.
-  void numberTets(std::vector<Tet3*>& vTets) const {
-    if (!pDt->is3D()) return;
-    Tet3* pSeed = vHandles[0]->getOneTet();
-    vTets.reserve(7 * vHandles.size() + 16);
-    pSeed->setCustomIndex(0);
-    vTets.push_back(pSeed);
-    for (size_t head = 0; head < vTets.size(); ++head) {
-      const Tet3* pTet = vTets[head];
+  // Tetrahedron numbers alternate their form from one numbering to the next
+  // (i, then -(i+2)), so that the numbers of the previous numbering, like
+  // the -1 of tetrahedra made since, read as "not numbered yet" without a
+  // pass that clears them.
+  bool isNumbered(int ci) const { return (generation & 1) != 0 ? ci <= -2 : ci >= 0; }
+  int encodeTet(size_t i) const {
+    return (generation & 1) != 0 ? -static_cast<int>(i) - 2 : static_cast<int>(i);
+  }
+  int64_t tetIndex(const Tet3* pTet) const {
+    const int ci = pTet->getCustomIndex();
+    return (generation & 1) != 0 ? -static_cast<int64_t>(ci) - 2 : ci;
+  }
+
+  // With the mutex held: numbers all live tetrahedra, breadth first from the
+  // first point's incident tetrahedron, and fills the index arrays in the
+  // same pass. A tetrahedron gets its number when it is first seen, so its
+  // row can be written, with all its neighbours' numbers, when it is taken
+  // from the queue. The records lie all over memory in no order the walk
+  // can follow, so the time goes into cache misses; the queue shows what
+  // comes next, and two prefetch stages ahead of the walk (the records,
+  // then their neighbours and corners) overlap the misses. False if the
+  // count exceeds what I is to hold; the caller then numbers again with
+  // 64-bit indices.
+  template <class I> bool numberAndFill(IndexArrays<I>& out) {
+    ++generation;
+    const size_t numPts = vHandles.size();
+    const int64_t maxTets = std::min<int64_t>(sizeof(I) == 4 ? int32Limit : std::numeric_limits<int64_t>::max(),
+                                              std::numeric_limits<int>::max() - 2);
+    size_t capacity = 7 * numPts + 16; // 6.7 per point for uniform points
+    std::vector<Tet3*> vQueue;
+    if (pDt->is3D()) {
+      vQueue.reserve(capacity);
+      out.simplices.resize(4 * capacity);
+      out.neighbors.resize(4 * capacity);
+      Tet3* pSeed = vHandles[0]->getOneTet();
+      pSeed->setCustomIndex(encodeTet(0));
+      vQueue.push_back(pSeed);
+    }
+    const size_t ahead = 16;
+    for (size_t k = 0; k < vQueue.size(); ++k) {
+      if (k + 2 * ahead < vQueue.size()) __builtin_prefetch(vQueue[k + 2 * ahead]);
+      if (k + ahead < vQueue.size()) {
+        const Tet3* pNext = vQueue[k + ahead];
+        for (int i = 0; i < 4; ++i) {
+          __builtin_prefetch(pNext->getOppTet(i));
+          __builtin_prefetch(pNext->getCorner(i));
+        }
+      }
+      if (k == capacity) {
+        capacity += capacity / 2;
+        out.simplices.resize(4 * capacity);
+        out.neighbors.resize(4 * capacity);
+      }
+      const Tet3* pTet = vQueue[k];
+      I* pS = out.simplices.data() + 4 * k;
+      I* pN = out.neighbors.data() + 4 * k;
       for (int i = 0; i < 4; ++i) {
+        pS[i] = static_cast<I>(pTet->getCorner(i)->getCustomIndex());
         Tet3* pOpp = pTet->getOppTet(i);
-        if (pOpp == nullptr) continue;
-        const int ci = pOpp->getCustomIndex();
-        if (ci >= 0 && static_cast<size_t>(ci) < vTets.size() && vTets[ci] == pOpp) continue;
-        if (vTets.size() >= static_cast<size_t>(std::numeric_limits<int>::max())) throw std::bad_alloc();
-        pOpp->setCustomIndex(static_cast<int>(vTets.size()));
-        vTets.push_back(pOpp);
+        if (pOpp == nullptr) {
+          pN[i] = -1;
+          continue;
+        }
+        if (!isNumbered(pOpp->getCustomIndex())) {
+          if (static_cast<int64_t>(vQueue.size()) >= maxTets) {
+            if (sizeof(I) == 4) return false;
+            throw std::bad_alloc();
+          }
+          pOpp->setCustomIndex(encodeTet(vQueue.size()));
+          vQueue.push_back(pOpp);
+        }
+        pN[i] = static_cast<I>(tetIndex(pOpp));
       }
     }
+    const size_t numNumbered = vQueue.size();
+    numTets = numNumbered;
+    out.simplices.resize(4 * numTets);
+    out.neighbors.resize(4 * numTets);
+    // vertex_of_point, and the rows [point, a tetrahedron of its vertex,
+    // its vertex] for the points that repeat an earlier one.
+    out.vertexOfPoint.resize(numPts);
+    size_t numRepeats = 0;
+    for (size_t i = 0; i < numPts; ++i) {
+      out.vertexOfPoint[i] = static_cast<I>(vHandles[i]->getCustomIndex());
+      numRepeats += static_cast<size_t>(out.vertexOfPoint[i]) != i;
+    }
+    out.coplanar.resize(3 * numRepeats);
+    I* pC = out.coplanar.data();
+    for (size_t i = 0; i < numPts; ++i) {
+      if (static_cast<size_t>(out.vertexOfPoint[i]) == i) continue;
+      const Tet3* pOne = vHandles[i]->getOneTet();
+      *pC++ = static_cast<I>(i);
+      *pC++ = pOne == nullptr ? I(-1) : static_cast<I>(tetIndex(pOne));
+      *pC++ = out.vertexOfPoint[i];
+    }
+    return true;
   }
 
   // With the mutex held.
@@ -514,10 +558,10 @@ private:
     if (!pDt->is3D()) return -1;
     Tet3* pTet = pDt->getStore().getCloseTet(p);
     const int result = pDt->locateConflictTet(&p, pTet);
-    if (result == -1 || result == -2) return pTet->getCustomIndex();
+    if (result == -1 || result == -2) return tetIndex(pTet);
     VELM_ASSERT(result!=-99);
     // Beyond hull facet `result`, or in its closed triangle.
-    if (pDt->getPredicates().getOrientation3(pTet, result, &p) == ORI3_ZERO) return pTet->getCustomIndex();
+    if (pDt->getPredicates().getOrientation3(pTet, result, &p) == ORI3_ZERO) return tetIndex(pTet);
     return -1;
   }
 
@@ -527,11 +571,28 @@ private:
       if (pVtx->getOneTet() == nullptr && pDt->is3D()) return false;
     if (!pDt->is3D()) return true;
     const ExactTest& predicates = pDt->getPredicates();
-    std::vector<Tet3*> vTets;
-    numberTets(vTets);
-    for (size_t t = 0; t < vTets.size(); ++t) {
-      if ((t & 65535) == 65535 && !context.report(t, vTets.size())) return false;
-      Tet3* pTet = vTets[t];
+    // All tetrahedra reachable from the first point's, each once, by the
+    // numbers of the last numbering; a number out of range is a fault too.
+    std::vector<char> vSeen(numTets, 0);
+    std::vector<Tet3*> vStack;
+    size_t numSeen = 0;
+    const auto bReach = [&](Tet3* pTet) {
+      const int64_t t = tetIndex(pTet);
+      if (!isNumbered(pTet->getCustomIndex()) || static_cast<size_t>(t) >= numTets) return false;
+      if (!vSeen[t]) {
+        vSeen[t] = 1;
+        ++numSeen;
+        vStack.push_back(pTet);
+      }
+      return true;
+    };
+    if (!bReach(vHandles[0]->getOneTet())) return false;
+    while (!vStack.empty()) {
+      Tet3* pTet = vStack.back();
+      vStack.pop_back();
+      if ((numSeen & 65535) == 0 && !context.report(numSeen, numTets)) return false;
+      for (int i = 0; i < 4; ++i)
+        if (pTet->getOppTet(i) != nullptr && !bReach(pTet->getOppTet(i))) return false;
       if (pTet->hasBeenVisited) return false;
       if (predicates.getOrientation3(pTet->getCorner(0), pTet->getCorner(1), pTet->getCorner(2),
                                      pTet->getCorner(3)) != ORIENTATION3_POSITIVE)
@@ -549,66 +610,15 @@ private:
         if (predicates.sphereInclusionTest(pTet, pOppVtx) == SIC_INSIDE) return false;
       }
     }
-    return true;
+    return numSeen == numTets;
   }
 
   std::unique_ptr<Dt3> pDt;
   std::vector<Point3*> vHandles; // the stored vertex of each point
   bool bVerbose;
+  unsigned generation = 0; // of the tetrahedron numbering
+  size_t numTets = 0;      // in the last numbering
 };
-
-template <class I> void Arrays::fill(Triangulation& tri, const std::vector<Tet3*>& vTets) {
-  const std::vector<Point3*>& vHandles = tri.getHandles();
-  numPoints = static_cast<int64_t>(vHandles.size());
-  numTets = static_cast<int64_t>(vTets.size());
-  std::unique_ptr<I[]> vSimplices = uninitialized<I>(4 * vTets.size());
-  std::unique_ptr<I[]> vNeighbors = uninitialized<I>(4 * vTets.size());
-  std::unique_ptr<I[]> vVertexOfPoint = uninitialized<I>(vHandles.size());
-  I* pS = vSimplices.get();
-  I* pN = vNeighbors.get();
-  for (const Tet3* pTet : vTets) {
-    for (int i = 0; i < 4; ++i) {
-      *pS++ = static_cast<I>(pTet->getCorner(i)->getCustomIndex());
-      const Tet3* pOpp = pTet->getOppTet(i);
-      *pN++ = pOpp == nullptr ? I(-1) : static_cast<I>(pOpp->getCustomIndex());
-    }
-  }
-  numCoplanar = 0;
-  for (int64_t i = 0; i < numPoints; ++i) {
-    vVertexOfPoint[i] = static_cast<I>(tri.representative(i));
-    if (vVertexOfPoint[i] != i) ++numCoplanar;
-  }
-  // Rows [point, a tetrahedron of its vertex, its vertex] for the points
-  // that repeat an earlier one.
-  std::unique_ptr<I[]> vCoplanar = uninitialized<I>(3 * static_cast<size_t>(numCoplanar));
-  I* pC = vCoplanar.get();
-  for (int64_t i = 0; i < numPoints; ++i) {
-    if (vVertexOfPoint[i] == i) continue;
-    const Tet3* pOne = vHandles[i]->getOneTet();
-    *pC++ = static_cast<I>(i);
-    *pC++ = pOne == nullptr ? I(-1) : static_cast<I>(pOne->getCustomIndex());
-    *pC++ = vVertexOfPoint[i];
-  }
-  if constexpr (sizeof(I) == 4) {
-    vSimplices32 = std::move(vSimplices);
-    vNeighbors32 = std::move(vNeighbors);
-    vVertexOfPoint32 = std::move(vVertexOfPoint);
-    vCoplanar32 = std::move(vCoplanar);
-  } else {
-    vSimplices64 = std::move(vSimplices);
-    vNeighbors64 = std::move(vNeighbors);
-    vVertexOfPoint64 = std::move(vVertexOfPoint);
-    vCoplanar64 = std::move(vCoplanar);
-  }
-}
-
-py::tuple Arrays::toPython() {
-  if (bInt64)
-    return py::make_tuple(adopt(vSimplices64, {numTets, 4}), adopt(vNeighbors64, {numTets, 4}),
-                          adopt(vVertexOfPoint64, {numPoints}), adopt(vCoplanar64, {numCoplanar, 3}));
-  return py::make_tuple(adopt(vSimplices32, {numTets, 4}), adopt(vNeighbors32, {numTets, 4}),
-                        adopt(vVertexOfPoint32, {numPoints}), adopt(vCoplanar32, {numCoplanar, 3}));
-}
 
 // ---------------------------------------------------------------------------
 // Derived arrays, from the index arrays alone (no library, no mutex).
@@ -616,14 +626,14 @@ py::tuple Arrays::toPython() {
 template <class I> py::array vertexToSimplex(const py::array_t<I, py::array::c_style>& simplices, int64_t numPoints) {
   const int64_t m = simplices.shape(0);
   const I* pS = simplices.data();
-  std::unique_ptr<I[]> v = uninitialized<I>(static_cast<size_t>(numPoints));
+  Buffer<I> v(static_cast<size_t>(numPoints));
   {
     py::gil_scoped_release nogil;
-    std::fill(v.get(), v.get() + numPoints, I(-1));
+    std::fill(v.data(), v.data() + numPoints, I(-1));
     for (int64_t t = 0; t < m; ++t)
       for (int i = 0; i < 4; ++i) v[pS[4 * t + i]] = static_cast<I>(t);
   }
-  return adopt(v, {numPoints});
+  return v.toNumPy({numPoints});
 }
 
 // The vertices joined to each vertex by an edge, in CSR form, each list
@@ -637,11 +647,11 @@ py::tuple vertexNeighborVertices(const py::array_t<I, py::array::c_style>& simpl
   const I* pS = simplices.data();
   const I* pN = neighbors.data();
   const I* pV2S = vertexToSimplex.data();
-  std::unique_ptr<I[]> vIndptr = uninitialized<I>(static_cast<size_t>(numPoints) + 1);
-  std::vector<I> vIndices;
+  Buffer<I> vIndptr(static_cast<size_t>(numPoints) + 1);
+  Buffer<I> vIndices(static_cast<size_t>(simplices.shape(0)) * 3 + 16); // about 20 per vertex, needs 16
+  size_t numIndices = 0;
   {
     py::gil_scoped_release nogil;
-    vIndices.reserve(static_cast<size_t>(simplices.shape(0)) * 3 + 16);
     std::vector<I> vStack, vTetsSeen, vStar;
     std::vector<int64_t> vLastSeen(numPoints, -1);
     std::vector<int64_t> vTetSeenBy(static_cast<size_t>(simplices.shape(0)), -1);
@@ -670,15 +680,15 @@ py::tuple vertexNeighborVertices(const py::array_t<I, py::array::c_style>& simpl
           }
         }
         std::sort(vStar.begin(), vStar.end());
-        vIndices.insert(vIndices.end(), vStar.begin(), vStar.end());
+        if (numIndices + vStar.size() > vIndices.size()) vIndices.resize(2 * (numIndices + vStar.size()));
+        std::copy(vStar.begin(), vStar.end(), vIndices.data() + numIndices);
+        numIndices += vStar.size();
       }
-      vIndptr[v + 1] = static_cast<I>(vIndices.size());
+      vIndptr[v + 1] = static_cast<I>(numIndices);
     }
+    vIndices.resize(numIndices);
   }
-  std::unique_ptr<I[]> vOut = uninitialized<I>(vIndices.size());
-  std::copy(vIndices.begin(), vIndices.end(), vOut.get());
-  const py::ssize_t numIndices = static_cast<py::ssize_t>(vIndices.size());
-  return py::make_tuple(adopt(vIndptr, {numPoints + 1}), adopt(vOut, {numIndices}));
+  return py::make_tuple(vIndptr.toNumPy({numPoints + 1}), vIndices.toNumPy({static_cast<py::ssize_t>(numIndices)}));
 }
 
 // The hull facets, each with its corners counterclockwise seen from outside
@@ -690,13 +700,13 @@ py::array convexHull(const py::array_t<I, py::array::c_style>& simplices, const 
   const I* pN = neighbors.data();
   int64_t h = 0;
   for (int64_t k = 0; k < 4 * m; ++k) h += pN[k] < 0;
-  std::unique_ptr<I[]> v = uninitialized<I>(3 * static_cast<size_t>(h));
-  I* p = v.get();
+  Buffer<I> v(3 * static_cast<size_t>(h));
+  I* p = v.data();
   for (int64_t t = 0; t < m; ++t)
     for (int i = 0; i < 4; ++i)
       if (pN[4 * t + i] < 0)
         for (int k = 0; k < 3; ++k) *p++ = pS[4 * t + Tet3::facetIndices[i][k]];
-  return adopt(v, {h, 3});
+  return v.toNumPy({h, 3});
 }
 
 // The exact sign of the orientation of four points, through the library's
