@@ -286,16 +286,21 @@ public:
   }
 
   ~Triangulation() {
-    // Destroying a large mesh can print (the pools count their blocks), so
-    // it happens under the mutex. The GIL is given up only if another thread
-    // is inside the library, which can't be the case at interpreter exit.
-    if (libraryMutex.try_lock()) {
+    // Destroying a large mesh prints (the pools count their blocks), so it
+    // happens under the mutex with the console caught. The GIL is given up
+    // only if another thread is inside the library, which can't be the case
+    // at interpreter exit.
+    const auto destroy = [this] {
+      ConsoleCapture console(bVerbose);
       release();
+    };
+    if (libraryMutex.try_lock()) {
+      destroy();
       libraryMutex.unlock();
     } else {
       py::gil_scoped_release nogil;
       std::lock_guard<std::mutex> lock(libraryMutex);
-      release();
+      destroy();
     }
   }
 
@@ -404,6 +409,7 @@ private:
     if (pDt == nullptr) return;
     pDt.reset();
     std::vector<Point3*>().swap(vHandles);
+    std::vector<int>().swap(vRepresentative);
 #ifdef __GLIBC__
     // The mesh's small blocks (ordered-set nodes, arrays) sit in the heap;
     // give its free top and free pages back to the system.
@@ -444,14 +450,18 @@ private:
     // A vertex stored before this call has a representative i below the
     // first new index with vHandles[i] equal to it. Any other customIndex
     // is what the store's fresh record happened to hold, and is replaced.
+    // The vertices lie in curve order, the points in input order: the
+    // prefetch keeps the misses of this walk overlapping.
     const int64_t numOld = static_cast<int64_t>(vHandles.size());
+    if (numOld + n - 1 > std::numeric_limits<int>::max()) throw std::bad_alloc();
     vHandles.insert(vHandles.end(), vBatch.begin(), vBatch.end());
+    vRepresentative.resize(vHandles.size());
     for (int64_t i = numOld; i < numOld + n; ++i) {
+      if (i + 16 < numOld + n) __builtin_prefetch(vHandles[i + 16]);
       Point3* pVtx = vHandles[i];
       const int64_t ci = pVtx->getCustomIndex();
-      if (ci >= 0 && ci < i && vHandles[ci] == pVtx) continue;
-      if (i > std::numeric_limits<int>::max()) throw std::bad_alloc();
-      pVtx->setCustomIndex(static_cast<int>(i));
+      if (!(ci >= 0 && ci < i && vHandles[ci] == pVtx)) pVtx->setCustomIndex(static_cast<int>(i));
+      vRepresentative[i] = pVtx->getCustomIndex();
     }
   }
 
@@ -538,8 +548,8 @@ private:
     out.vertexOfPoint.resize(numPts);
     size_t numRepeats = 0;
     for (size_t i = 0; i < numPts; ++i) {
-      out.vertexOfPoint[i] = static_cast<I>(vHandles[i]->getCustomIndex());
-      numRepeats += static_cast<size_t>(out.vertexOfPoint[i]) != i;
+      out.vertexOfPoint[i] = static_cast<I>(vRepresentative[i]);
+      numRepeats += static_cast<size_t>(vRepresentative[i]) != i;
     }
     out.coplanar.resize(3 * numRepeats);
     I* pC = out.coplanar.data();
@@ -615,6 +625,7 @@ private:
 
   std::unique_ptr<Dt3> pDt;
   std::vector<Point3*> vHandles; // the stored vertex of each point
+  std::vector<int> vRepresentative; // and that vertex's customIndex
   bool bVerbose;
   unsigned generation = 0; // of the tetrahedron numbering
   size_t numTets = 0;      // in the last numbering
@@ -757,5 +768,4 @@ PYBIND11_MODULE(_core, m) {
   m.def("_orientation_sign", &orientationSign);
   m.def("_two_product_tail", &twoProductTail);
   m.def("_set_int32_limit", [](int64_t limit) { int32Limit = limit; });
-  m.attr("numInsertionsPerReport") = Dt3::numInsertionsPerReport;
 }
