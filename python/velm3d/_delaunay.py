@@ -95,8 +95,7 @@ class Delaunay:
 
     points : array_like, shape (n, 3)
         Coordinates, converted to float64. NaN and infinite values, and
-        magnitudes above 1e60 or below 1e-48 (other than 0), where the
-        arithmetic would no longer be exact, raise ValueError naming the row.
+        magnitudes above 1e300, raise ValueError naming the row.
     progress : bool
         Show a progress bar while inserting (tqdm if installed).
     check : bool

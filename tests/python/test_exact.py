@@ -62,15 +62,20 @@ def test_degenerate_sets_give_valid_triangulations(name, points):
 
 def test_random_points_and_power_of_two_scalings_agree(rng):
     # Multiplying by a power of two changes no sign, so huge and tiny copies
-    # of the set (inside the exact range) have the same tetrahedra.
+    # of the set have the same tetrahedra, down to subnormal numbers.
     points = rng.uniform(1, 2, (1500, 3))
     base = velm3d.Delaunay(points)
     assert_delaunay(base, points)
     key = {tuple(sorted(s)) for s in base.simplices}
-    for scale in (2.0 ** 195, 2.0 ** -155, -(2.0 ** 100)):
+    for scale in (2.0 ** 995, 2.0 ** -1000, -(2.0 ** 100), 2.0 ** -1022):
         scaled = velm3d.Delaunay(points * scale)
         assert {tuple(sorted(s)) for s in scaled.simplices} == key
         assert scaled.check()
+    # Below that, points lose bits and some coincide: still exact and valid.
+    tiny = points[:500] * 2.0 ** -1070
+    assert_delaunay(velm3d.Delaunay(tiny), tiny)
+    mixed = np.vstack([points[:300] * 4e299, points[300:600] * 1e-300, points[600:900] - 1.5])
+    assert_delaunay(velm3d.Delaunay(mixed), mixed)
 
 
 def test_duplicates_collapse_onto_their_first_occurrence(rng):
