@@ -33,7 +33,8 @@ inline bool range03(int i) { return i >= 0 && i <= 3; }
 // Life cycle.
 
 Dt3::Dt3(Velm_3D* pInterface_)
-    : numStoredTCS(0), bFullDimensional(false), hc3(27), pInterface(pInterface_), bVerbose(false) {
+    : numStoredTCS(0), bFullDimensional(false), hc3(27), pInterface(pInterface_), bVerbose(false),
+      pProgress(nullptr), pProgressUser(nullptr) {
   vTcsTable.assign(1024, nullptr);
   poolTwoTet.init(1024, 512);
   poolTet.init(28, -1);
@@ -191,13 +192,26 @@ void Dt3::triangulate(std::vector<Point3*>& vVertices, Tet3* pLastTet) {
   std::vector<std::vector<Point3*>> vvLevels(numLevels + 1);
   getLevelsRec(vVertices, 0, n, 0, numLevels, vvLevels);
 
+  // A report between two insertions finds the mesh complete for the
+  // vertices inserted so far, so that stopping there is safe.
+  unsigned long numDone = 0;
+  const auto bStop = [&]() {
+    return pProgress != nullptr && ++numDone % numInsertionsPerReport == 0 &&
+           !pProgress(pProgressUser, numDone, n);
+  };
   Tet3* pCur = pLastTet;
   for (int k = 0; k <= numLevels; ++k) {
     std::vector<Point3*>& vLevel = vvLevels[k];
     if (k % 2 == 0) {
-      for (size_t i = vLevel.size(); i-- > 0;) pCur = insertVertex(vLevel[i], pCur);
+      for (size_t i = vLevel.size(); i-- > 0;) {
+        pCur = insertVertex(vLevel[i], pCur);
+        if (bStop()) return;
+      }
     } else {
-      for (size_t i = 0; i < vLevel.size(); ++i) pCur = insertVertex(vLevel[i], pCur);
+      for (size_t i = 0; i < vLevel.size(); ++i) {
+        pCur = insertVertex(vLevel[i], pCur);
+        if (bStop()) return;
+      }
     }
   }
 }

@@ -92,6 +92,23 @@ public:
 
   // Insertion driver.
   void triangulate(std::vector<Point3*>& vVertices, Tet3* pLastTet);
+
+  // Progress of a bulk insertion, for a progress display or an interrupt.
+  // After every numInsertionsPerReport insertions, triangulate calls
+  // f(pUser, numDone, numTotal) for its current list; an answer of false
+  // stops the insertion at that point. The mesh is then the Delaunay
+  // triangulation of the vertices inserted so far, with all invariants kept.
+  // The other vertices of the list stay in the store without a tetrahedron
+  // (getOneTet() null); a later triangulate of exactly those vertices
+  // completes the mesh, while insertVector skips them as already stored. The
+  // object can be read, queried and destroyed as usual. A null f (the
+  // default) reports nothing.
+  typedef bool (*ProgressCallback)(void* pUser, unsigned long numDone, unsigned long numTotal);
+  static constexpr unsigned long numInsertionsPerReport = 4096;
+  void setProgressCallback(ProgressCallback f, void* pUser) {
+    pProgress = f;
+    pProgressUser = pUser;
+  }
   void debug_triangulateInOrder(std::vector<Point3*>& vVertices, Tet3* pLastTet);
   Tet3* locate(Point3 p);
   void insertPendingPoints();
@@ -171,6 +188,8 @@ private:
   // The cavity stack of insertVertex; kept between calls so that the hot
   // path does not allocate. Empty between insertions.
   std::vector<Tet3*> vStack;
+  ProgressCallback pProgress;
+  void* pProgressUser;
 };
 
 // Free debug output of tetrahedron lists.

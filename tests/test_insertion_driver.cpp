@@ -184,6 +184,81 @@ TEST(Driver, HandlesStandAtInputPositionsAndDuplicatesShareThem) {
   for (size_t i = 0; i < 3; ++i) EXPECT_TRUE(*vHandles[i] == v[i]);
 }
 
+// The progress callback of a bulk insertion: counts, and a stop that leaves
+// a valid mesh of the vertices inserted so far, completed by a later
+// triangulate of the vertices left without a tetrahedron.
+namespace {
+
+struct ProgressLog {
+  std::vector<std::pair<unsigned long, unsigned long>> vCalls;
+  unsigned long stopAt = 0;
+  static bool report(void* pUser, unsigned long numDone, unsigned long numTotal) {
+    ProgressLog* pLog = static_cast<ProgressLog*>(pUser);
+    pLog->vCalls.emplace_back(numDone, numTotal);
+    return numDone != pLog->stopAt;
+  }
+};
+
+::testing::AssertionResult isDelaunayOfInserted(Dt3& dt, std::vector<Point3*>& vInMesh) {
+  std::vector<Point3*> vAll;
+  dt.getVertexPointers(vAll);
+  vInMesh.clear();
+  std::vector<Point3> vPositions;
+  for (Point3* p : vAll)
+    if (p->getOneTet() != nullptr) {
+      vInMesh.push_back(p);
+      vPositions.push_back(*p);
+    }
+  std::vector<Tet3*> vTets;
+  dt.getAllTetrahedra(vTets);
+  return exact::checkMesh(vTets, vInMesh, vPositions);
+}
+
+} // namespace
+
+TEST(Progress, ReportsEveryBlockOfInsertionsWithTheListSize) {
+  const unsigned long block = Dt3::numInsertionsPerReport;
+  std::vector<Point3> v = randomPoints(2 * block + 100, 7);
+  Dt3 dt(nullptr);
+  ProgressLog log;
+  dt.setProgressCallback(&ProgressLog::report, &log);
+  std::vector<Point3*> vHandles;
+  captured([&] { dt.insertVector(v, vHandles); });
+  const std::vector<std::pair<unsigned long, unsigned long>> vExpected = {{block, v.size()},
+                                                                          {2 * block, v.size()}};
+  EXPECT_EQ(log.vCalls, vExpected);
+  std::vector<Point3*> vInMesh;
+  EXPECT_TRUE(isDelaunayOfInserted(dt, vInMesh));
+  EXPECT_EQ(vInMesh.size(), v.size());
+}
+
+TEST(Progress, StopLeavesAValidMeshAndTheRestCanBeInsertedLater) {
+  const unsigned long block = Dt3::numInsertionsPerReport;
+  std::vector<Point3> v = randomPoints(3 * block, 8);
+  Dt3 dt(nullptr);
+  ProgressLog log;
+  log.stopAt = block;
+  dt.setProgressCallback(&ProgressLog::report, &log);
+  std::vector<Point3*> vHandles;
+  captured([&] { dt.insertVector(v, vHandles); });
+  ASSERT_EQ(log.vCalls.size(), 1u);
+  std::vector<Point3*> vInMesh;
+  EXPECT_TRUE(isDelaunayOfInserted(dt, vInMesh));
+  // The first tetrahedron's corners are in the mesh before the list starts,
+  // and may be among the insertions done.
+  EXPECT_GE(vInMesh.size(), block);
+  EXPECT_LE(vInMesh.size(), block + 4);
+  std::vector<Point3*> vAll, vLeft;
+  dt.getVertexPointers(vAll);
+  for (Point3* p : vAll)
+    if (p->getOneTet() == nullptr) vLeft.push_back(p);
+  EXPECT_EQ(vLeft.size(), v.size() - vInMesh.size());
+  dt.setProgressCallback(nullptr, nullptr);
+  captured([&] { dt.triangulate(vLeft, vInMesh[0]->getOneTet()); });
+  EXPECT_TRUE(isDelaunayOfInserted(dt, vInMesh));
+  EXPECT_EQ(vInMesh.size(), v.size());
+}
+
 TEST(Locate, InsideOnAVertexOutsideAndBeforeTheFirstTetrahedron) {
   Velm_3D vt;
   EXPECT_EQ(vt.locate(Point3(0, 0, 0)), nullptr);
