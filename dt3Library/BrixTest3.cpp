@@ -785,7 +785,7 @@ double ExactTest::orient2d(double* pa, double* pb, double* pc) const {
     return orient2dadapt(pa, pb, pc, std::fabs(detleft) + std::fabs(detright));
   }
   // Two products below the normal range cost at most 2^-1074.
-  const double errbound = ccwerrboundA * detsum + 0x1p-1072;
+  const double errbound = ccwerrboundA * detsum + 0x1p-1000;
   if ((det >= errbound) || (-det >= errbound)) return det;
   return orient2dadapt(pa, pb, pc, detsum);
 }
@@ -1078,7 +1078,7 @@ double ExactTest::incircle(double* pa, double* pb, double* pc, double* pd) const
   // Underflow costs at most 2^-1075 (24 L + 3), L the largest lift: six
   // products through a lift, six squares through a minor, three last ones.
   const double maxLift = std::max(std::max(alift, blift), clift);
-  const double errbound = iccerrboundA * permanent + (maxLift + 1.0) * 0x1p-1068;
+  const double errbound = iccerrboundA * permanent + (maxLift + 1.0) * 0x1p-1000;
   if (filterDecides(det, errbound)) return det;
   return incircleadapt(pa, pb, pc, pd, permanent);
 }

@@ -302,6 +302,17 @@ public:
   // Whether pQ lies strictly inside the circumsphere of pTet.
   inline SphereInclusion sphereInclusionTest(Tet3* pTet, const Point3* pQ) const;
 
+  // The same two tests without the filters' floor for underflow, for callers
+  // that know every coordinate involved to be 0 or of magnitude in
+  // [2^-150, 2^199), as inFloorFreeRange says of a point. Every value the
+  // filters compute is then a multiple of 2^-1010 (a coordinate's lowest
+  // bit is at least 2^-202, and rounding keeps multiples) and below 2^1010,
+  // so no product leaves the normal range and the published bound alone
+  // holds. The insertion uses them while all its vertices lie in the range.
+  inline Orientation3 getOrientation3InRange(Tet3* pC, int ith, const Point3* pQ) const;
+  inline SphereInclusion sphereInclusionTestInRange(Tet3* pTet, const Point3* pQ) const;
+  static inline bool inFloorFreeRange(const Point3& p);
+
   // The determinant and permanent of the orientation filter, and its floor:
   // a bound on what products that fell below the normal range can have cost.
   static inline void orient3dFilter(const double* pa, const double* pb, const double* pc,
@@ -352,6 +363,11 @@ public:
   double isperrboundA, isperrboundB, isperrboundC;
 
 private:
+  template <bool bFloor>
+  inline Orientation3 orientationOf(const Point3* a, const Point3* b, const Point3* c,
+                                    const Point3* d) const;
+  template <bool bFloor> inline Orientation3 orientationOfFacet(Tet3* pC, int ith, const Point3* pQ) const;
+  template <bool bFloor> inline SphereInclusion sphereInclusion(Tet3* pTet, const Point3* pQ) const;
   // What getOrientation3 does when its filter leaves the sign open: 0 at
   // once for a permanent that is exactly 0, else orient3dadapt. Out of line
   // and small, so that the walk's inlined test stays small too.
@@ -404,11 +420,12 @@ inline void ExactTest::orient3dFilter(const double* pa, const double* pb, const 
   permanent = (std::fabs(bdxcdy) + std::fabs(cdxbdy)) * std::fabs(adz) +
               (std::fabs(cdxady) + std::fabs(adxcdy)) * std::fabs(bdz) +
               (std::fabs(adxbdy) + std::fabs(bdxady)) * std::fabs(cdz);
-  floor = (((std::fabs(adz) + std::fabs(bdz)) + std::fabs(cdz)) + 2.0) * 0x1p-1072;
+  floor = (((std::fabs(adz) + std::fabs(bdz)) + std::fabs(cdz)) + 2.0) * 0x1p-1000;
 }
 
-inline Orientation3 ExactTest::getOrientation3(const Point3* a, const Point3* b, const Point3* c,
-                                               const Point3* d) const {
+template <bool bFloor>
+inline Orientation3 ExactTest::orientationOf(const Point3* a, const Point3* b, const Point3* c,
+                                             const Point3* d) const {
   double pa[3], pb[3], pc[3], pd[3];
   a->xyz(pa[0], pa[1], pa[2]);
   b->xyz(pb[0], pb[1], pb[2]);
@@ -417,26 +434,56 @@ inline Orientation3 ExactTest::getOrientation3(const Point3* a, const Point3* b,
 
   double det, permanent, floor;
   orient3dFilter(pa, pb, pc, pd, det, permanent, floor);
-  const double errbound = o3derrboundA * permanent + floor;
-  if (!filterDecides(det, errbound)) det = orient3dUndecided(pa, pb, pc, pd, permanent);
+  const double errbound = o3derrboundA * permanent + (bFloor ? floor : 0.0);
+  // Without underflow a zero permanent is an exact zero of every term.
+  if (!filterDecides(det, errbound) && (bFloor || permanent != 0.0))
+    det = orient3dUndecided(pa, pb, pc, pd, permanent);
   // The published determinant is negative when d sees a, b, c counterclockwise.
   if (det < 0.0) return ORIENTATION3_POSITIVE;
   if (det > 0.0) return ORIENTATION3_NEGATIVE;
   return ORI3_ZERO;
 }
 
-inline Orientation3 ExactTest::getOrientation3(Tet3* pC, int ith, const Point3* pQ) const {
+template <bool bFloor>
+inline Orientation3 ExactTest::orientationOfFacet(Tet3* pC, int ith, const Point3* pQ) const {
   if (pC == nullptr) reportNullFacetTet();
   switch (ith) {
-  case 0: return getOrientation3(pC->getCorner(1), pC->getCorner(3), pC->getCorner(2), pQ);
-  case 1: return getOrientation3(pC->getCorner(0), pC->getCorner(2), pC->getCorner(3), pQ);
-  case 2: return getOrientation3(pC->getCorner(0), pC->getCorner(3), pC->getCorner(1), pQ);
-  case 3: return getOrientation3(pC->getCorner(0), pC->getCorner(1), pC->getCorner(2), pQ);
+  case 0: return orientationOf<bFloor>(pC->getCorner(1), pC->getCorner(3), pC->getCorner(2), pQ);
+  case 1: return orientationOf<bFloor>(pC->getCorner(0), pC->getCorner(2), pC->getCorner(3), pQ);
+  case 2: return orientationOf<bFloor>(pC->getCorner(0), pC->getCorner(3), pC->getCorner(1), pQ);
+  case 3: return orientationOf<bFloor>(pC->getCorner(0), pC->getCorner(1), pC->getCorner(2), pQ);
   default: badFacetIndex();
   }
 }
 
+inline Orientation3 ExactTest::getOrientation3(const Point3* a, const Point3* b, const Point3* c,
+                                               const Point3* d) const {
+  return orientationOf<true>(a, b, c, d);
+}
+inline Orientation3 ExactTest::getOrientation3(Tet3* pC, int ith, const Point3* pQ) const {
+  return orientationOfFacet<true>(pC, ith, pQ);
+}
+inline Orientation3 ExactTest::getOrientation3InRange(Tet3* pC, int ith, const Point3* pQ) const {
+  return orientationOfFacet<false>(pC, ith, pQ);
+}
 inline SphereInclusion ExactTest::sphereInclusionTest(Tet3* pTet, const Point3* pQ) const {
+  return sphereInclusion<true>(pTet, pQ);
+}
+inline SphereInclusion ExactTest::sphereInclusionTestInRange(Tet3* pTet, const Point3* pQ) const {
+  return sphereInclusion<false>(pTet, pQ);
+}
+
+inline bool ExactTest::inFloorFreeRange(const Point3& p) {
+  bool ok = true;
+  for (const double c : {p.x(), p.y(), p.z()}) {
+    const double a = std::fabs(c);
+    ok &= (a == 0.0) | ((a >= 0x1p-150) & (a < 0x1p199));
+  }
+  return ok;
+}
+
+template <bool bFloor>
+inline SphereInclusion ExactTest::sphereInclusion(Tet3* pTet, const Point3* pQ) const {
   double pa[3], pb[3], pc[3], pd[3], pe[3];
   pTet->getCorner(0)->xyz(pa[0], pa[1], pa[2]);
   pTet->getCorner(1)->xyz(pb[0], pb[1], pb[2]);
@@ -450,7 +497,7 @@ inline SphereInclusion ExactTest::sphereInclusionTest(Tet3* pTet, const Point3* 
 #else
   insphereFilter(pa, pb, pc, pd, pe, det, permanent, floor);
 #endif
-  const double errbound = isperrboundA * permanent + floor;
+  const double errbound = isperrboundA * permanent + (bFloor ? floor : 0.0);
   // Decided only when |det| exceeds the bound, as published. A query with
   // the coordinates of a corner zeroes a row of the determinant, so det and
   // permanent are 0 and it lands here as undecided: by pointer it is that
@@ -516,7 +563,7 @@ inline void ExactTest::insphereFilter(const double* pa, const double* pb, const 
               ((bexceyplus + cexbeyplus) * aezplus + (cexaeyplus + aexceyplus) * bezplus +
                (aexbeyplus + bexaeyplus) * cezplus) * dlift;
   const double maxLift = std::max(std::max(alift, blift), std::max(clift, dlift));
-  floor = (maxLift * maxLift + 1.0) * 0x1p-1064;
+  floor = (maxLift * maxLift + 1.0) * 0x1p-1000;
 }
 
 #if defined(__SSE2__)
@@ -589,7 +636,7 @@ inline void ExactTest::insphereFilterSse2(const double* pa, const double* pb, co
   // Lifts are never NaN (sums of squares), so the order of max is free.
   const __m128d lifts = _mm_max_pd(liftAB, liftCD);
   const double maxLift = _mm_cvtsd_f64(_mm_max_sd(lifts, _mm_unpackhi_pd(lifts, lifts)));
-  floor = (maxLift * maxLift + 1.0) * 0x1p-1064;
+  floor = (maxLift * maxLift + 1.0) * 0x1p-1000;
 }
 #endif
 

@@ -34,7 +34,7 @@ inline bool range03(int i) { return i >= 0 && i <= 3; }
 
 Dt3::Dt3(Velm_3D* pInterface_)
     : numStoredTCS(0), bFullDimensional(false), hc3(27), pInterface(pInterface_), bVerbose(false),
-      pProgress(nullptr), pProgressUser(nullptr) {
+      pProgress(nullptr), pProgressUser(nullptr), bFloorFreeRange(true) {
   vTcsTable.assign(1024, nullptr);
   poolTwoTet.init(1024, 512);
   poolTet.init(28, -1);
@@ -121,6 +121,7 @@ void Dt3::insertVector(std::vector<Point3>& vPoints, std::vector<Point3*>& vUser
   const size_t n = vPoints.size();
   std::cout << "numPoints=" << n << std::endl;
   if (n == 0) return;
+  for (const Point3& p : vPoints) bFloorFreeRange = bFloorFreeRange && ExactTest::inFloorFreeRange(p);
   std::vector<Point3*> vNewVertices;
   hc3.addPoints(vPoints, vUserHandles, vNewVertices);
 
@@ -142,6 +143,7 @@ void Dt3::insertVector(std::vector<Point3>& vPoints, std::vector<Point3*>& vUser
 }
 
 Point3* Dt3::insert(Point3& p) {
+  bFloorFreeRange = bFloorFreeRange && ExactTest::inFloorFreeRange(p);
   std::pair<Point3*, Tet3*> stored = hc3.addPoint(p);
   Point3* pVtx = stored.first;
   if (bFullDimensional) {
@@ -250,6 +252,8 @@ int Dt3::locateConflictTet(Point3* pVtx, Tet3*& pStartTet) {
     goToHell("locateConflictTet");
     return -99;
   }
+  // A query of locate need not be stored: it must be in the range too.
+  const bool bInRange = bFloorFreeRange && ExactTest::inFloorFreeRange(*pVtx);
   int ith = 0;
   int numFacetsLeft = 4;
   int numSteps = 0;
@@ -263,7 +267,8 @@ int Dt3::locateConflictTet(Point3* pVtx, Tet3*& pStartTet) {
       return -99;
     }
     ++numSteps;
-    const Orientation3 ori = predicates.getOrientation3(pStartTet, ith, pVtx);
+    const Orientation3 ori = bInRange ? predicates.getOrientation3InRange(pStartTet, ith, pVtx)
+                                      : predicates.getOrientation3(pStartTet, ith, pVtx);
     if (ori == ORIENTATION3_NEGATIVE) {
       Tet3* pNext = pStartTet->getOppTet(ith);
       if (pNext == nullptr) return ith;
@@ -279,7 +284,8 @@ int Dt3::locateConflictTet(Point3* pVtx, Tet3*& pStartTet) {
       int numPositive = 0, numNegative = 0, numCoplanar = 0;
       int outIndex = -1, opp2ICI = -1;
       for (int k = 0; k < 4; ++k) {
-        const Orientation3 oriK = predicates.getOrientation3(pStartTet, k, pVtx);
+        const Orientation3 oriK = bInRange ? predicates.getOrientation3InRange(pStartTet, k, pVtx)
+                                           : predicates.getOrientation3(pStartTet, k, pVtx);
         if (oriK == ORIENTATION3_POSITIVE) {
           ++numPositive;
         } else if (oriK == ORIENTATION3_NEGATIVE) {
@@ -364,7 +370,7 @@ Tet3* Dt3::insertVertex(Point3*& pVtx, Tet3* pCurTet) {
       Tet3* pOppTet = pCavTet->getOppTet(ith);
       if (pOppTet != nullptr) {
         if (pOppTet->hasBeenVisited) continue;
-        if (predicates.sphereInclusionTest(pOppTet, pVtx) != SIC_OUTSIDE) {
+        if (sphereInclusion(pOppTet, pVtx) != SIC_OUTSIDE) {
           pOppTet->hasBeenVisited = true;
           vStack.push_back(pOppTet);
           doom(pOppTet);

@@ -190,6 +190,16 @@ private:
   std::vector<Tet3*> vStack;
   ProgressCallback pProgress;
   void* pProgressUser;
+  // Whether every coordinate stored so far is 0 or of magnitude in
+  // [2^-150, 2^199): then the walk and the cavity use the predicates'
+  // InRange forms, which skip the floor for underflow. Cleared for good by
+  // the first point outside.
+  bool bFloorFreeRange;
+  // The cavity's sphere test of a stored vertex, in the form the range allows.
+  SphereInclusion sphereInclusion(Tet3* pTet, const Point3* pVtx) const {
+    return bFloorFreeRange ? predicates.sphereInclusionTestInRange(pTet, pVtx)
+                           : predicates.sphereInclusionTest(pTet, pVtx);
+  }
 };
 
 // Free debug output of tetrahedron lists.

@@ -509,3 +509,40 @@ TEST(AnyFiniteDouble, TinyCoordinatesThatRoundingWouldFlip) {
   EXPECT_EQ(t.getOrientation3(&b, &a, &c, &d), ORIENTATION3_POSITIVE);
   EXPECT_EQ(t.getOrientation3(&a, &b, &c, &onPlane), ORI3_ZERO);
 }
+
+// The forms without the underflow floor, which the insertion uses while all
+// coordinates are 0 or in [2^-150, 2^199): their range, and exact answers on
+// near-degenerate lattices at both of its ends.
+TEST(AnyFiniteDouble, FloorFreeFormsHoldOverTheirWholeRange) {
+  auto in = [](double c) { return ExactTest::inFloorFreeRange(Point3(1.0, c, -1.0)); };
+  EXPECT_TRUE(in(0.0) && in(-0.0) && in(0x1p-150) && in(-0x1p-150) && in(std::nextafter(0x1p199, 0.0)));
+  EXPECT_FALSE(in(std::nextafter(0x1p-150, 0.0)) || in(0x1p199) || in(-0x1p199) || in(0x1p-1074));
+  const ExactTest t;
+  BRIX_TOOLS::SimplePool<Tet3> pool;
+  pool.init(4, 4);
+  Tet3* pTet = pool.nextObject();
+  Cases flat(3), round(3);
+  int numWrong = 0, numTested = 0;
+  for (const double scale : {0x1p-150, 0x1p188})
+    for (int i = 0; i < 40000; ++i) {
+      Pts p;
+      (i % 2 ? round : flat).make(i % 2 ? LATTICE_ROUND : LATTICE_FLAT, p, 5, 0.0, scale, i % 4 < 2 ? 0 : 3);
+      if (exactSign(p, 4, 3, false) == 0) continue;
+      if (exactSign(p, 4, 3, false) > 0) std::swap(p[0], p[1]);
+      Point3 q[5];
+      for (int k = 0; k < 5; ++k) q[k] = Point3(p[k][0], p[k][1], p[k][2]);
+      pTet->setProperties(&q[0], &q[1], &q[2], &q[3]);
+      const int lifted = exactSign(p, 5, 3, true);
+      numWrong += t.sphereInclusionTestInRange(pTet, &q[4]) != (lifted < 0 ? SIC_INSIDE : SIC_OUTSIDE);
+      for (int ith = 0; ith < 4; ++ith) {
+        Pts f;  // the facet's corners in the order getOrientation3 takes them, then the query
+        const int order[4][3] = {{1, 3, 2}, {0, 2, 3}, {0, 3, 1}, {0, 1, 2}};
+        for (int k = 0; k < 3; ++k) std::copy(p[order[ith][k]], p[order[ith][k]] + 3, f[k]);
+        std::copy(p[4], p[4] + 3, f[3]);
+        numWrong += t.getOrientation3InRange(pTet, ith, &q[4]) != oriOfSign[1 + exactSign(f, 4, 3, false)];
+      }
+      ++numTested;
+    }
+  EXPECT_EQ(numWrong, 0);
+  EXPECT_GT(numTested, 40000);
+}

@@ -94,8 +94,8 @@ class Delaunay:
     ``Delaunay(points, *, progress=False, check=False, verbose=False)``
 
     points : array_like, shape (n, 3)
-        Coordinates, converted to float64. NaN and infinite values, and
-        magnitudes above 1e300, raise ValueError naming the row.
+        Coordinates, converted to float64; any finite value. NaN and
+        infinite values raise ValueError naming the row.
     progress : bool
         Show a progress bar while inserting (tqdm if installed).
     check : bool

@@ -76,6 +76,9 @@ def test_random_points_and_power_of_two_scalings_agree(rng):
     assert_delaunay(velm3d.Delaunay(tiny), tiny)
     mixed = np.vstack([points[:300] * 4e299, points[300:600] * 1e-300, points[600:900] - 1.5])
     assert_delaunay(velm3d.Delaunay(mixed), mixed)
+    # Up to the largest double, where coordinate differences overflow.
+    extreme = np.vstack([(points[:200] - 1.5) * np.finfo(float).max, np.eye(3) * np.finfo(float).max])
+    assert_delaunay(velm3d.Delaunay(extreme), extreme)
 
 
 def test_duplicates_collapse_onto_their_first_occurrence(rng):
