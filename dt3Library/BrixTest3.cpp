@@ -1568,8 +1568,15 @@ unsigned int ExactTest::insphereadapt(double* pa, double* pb, double* pc, double
       (ceztail == 0.0) && (dextail == 0.0) && (deytail == 0.0) && (deztail == 0.0);
 
   const double heads[12] = {aex, bex, cex, dex, aey, bey, cey, dey, aez, bez, cez, dez};
-  if (bExactDifferences && permanent < 9007199254740992.0 && allSmallIntegers(heads, 12))
-    return signClass(insphereOf(heads));
+  if (bExactDifferences && permanent < 9007199254740992.0 && allSmallIntegers(heads, 12)) {
+    double plainDet, plainPermanent, plainFloor;
+#if defined(__SSE2__)
+    insphereFilterSse2(pa, pb, pc, pd, pe, plainDet, plainPermanent, plainFloor);
+#else
+    insphereFilter(pa, pb, pc, pd, pe, plainDet, plainPermanent, plainFloor);
+#endif
+    return signClass(plainDet);
+  }
   const double tails[12] = {aextail, bextail, cextail, dextail, aeytail, beytail,
                             ceytail, deytail, aeztail, beztail, ceztail, deztail};
   if (inPairRange(heads, tails, 12)) {

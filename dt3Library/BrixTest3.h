@@ -404,9 +404,9 @@ double incirclefast(double* pa, double* pb, double* pc, double* pd);
 // that falls below the normal range errs by up to 2^-1075 absolutely, beyond
 // the relative bound of the publication; carried through the products that
 // follow, the six two-fold products cost at most 2^-1074 |z| each and the
-// three three-fold ones 2^-1075 each. The floor covers that with room for
-// its own rounding; for input of ordinary magnitude it is far below the
-// published bound and changes no decision.
+// three three-fold ones 2^-1075 each. The floor, 2^-1000 (|z| sums + 2),
+// covers that with room to spare and stays a normal number; for input of
+// ordinary magnitude it is far below the published bound.
 inline void ExactTest::orient3dFilter(const double* pa, const double* pb, const double* pc,
                                       const double* pd, double& det, double& permanent,
                                       double& floor) {
@@ -519,7 +519,8 @@ inline SphereInclusion ExactTest::sphereInclusion(Tet3* pTet, const Point3* pQ) 
 // 2^-1075 (96 L^1.5 + 12 L + 4) <= 2^-1075 * 112 (1 + L^2): twelve two-fold
 // products carried through a z and a lift twice each, twelve three-fold
 // ones through a lift, twelve squares through a three-fold minor, and the
-// four last products. The floor, 2^-1064 (1 + L^2), has room to spare.
+// four last products. The floor, 2^-1000 (1 + L^2), has room to spare and
+// is a normal number: arithmetic on subnormal ones is slow on many CPUs.
 inline void ExactTest::insphereFilter(const double* pa, const double* pb, const double* pc,
                                       const double* pd, const double* pe, double& det,
                                       double& permanent, double& floor) {
