@@ -1570,11 +1570,7 @@ unsigned int ExactTest::insphereadapt(double* pa, double* pb, double* pc, double
   const double heads[12] = {aex, bex, cex, dex, aey, bey, cey, dey, aez, bez, cez, dez};
   if (bExactDifferences && permanent < 9007199254740992.0 && allSmallIntegers(heads, 12)) {
     double plainDet, plainPermanent, plainFloor;
-#if defined(__SSE2__)
-    insphereFilterSse2(pa, pb, pc, pd, pe, plainDet, plainPermanent, plainFloor);
-#else
-    insphereFilter(pa, pb, pc, pd, pe, plainDet, plainPermanent, plainFloor);
-#endif
+    insphereFilterFastest(pa, pb, pc, pd, pe, plainDet, plainPermanent, plainFloor);
     return signClass(plainDet);
   }
   const double tails[12] = {aextail, bextail, cextail, dextail, aeytail, beytail,

@@ -328,6 +328,16 @@ public:
                                         const double* pd, const double* pe, double& det,
                                         double& permanent, double& floor);
 #endif
+  // The paired form where SSE2 is there, else the scalar one: the same bits.
+  static inline void insphereFilterFastest(const double* pa, const double* pb, const double* pc,
+                                           const double* pd, const double* pe, double& det,
+                                           double& permanent, double& floor) {
+#if defined(__SSE2__)
+    insphereFilterSse2(pa, pb, pc, pd, pe, det, permanent, floor);
+#else
+    insphereFilter(pa, pb, pc, pd, pe, det, permanent, floor);
+#endif
+  }
   // Whether a filter's det has a certain sign: |det| beyond errbound, the
   // published bound plus the floor. Overflow needs no test of its own: a
   // product or lift that overflowed makes the permanent infinite or NaN (the
@@ -492,11 +502,7 @@ inline SphereInclusion ExactTest::sphereInclusion(Tet3* pTet, const Point3* pQ) 
   pQ->xyz(pe[0], pe[1], pe[2]);
 
   double det, permanent, floor;
-#if defined(__SSE2__)
-  insphereFilterSse2(pa, pb, pc, pd, pe, det, permanent, floor);
-#else
-  insphereFilter(pa, pb, pc, pd, pe, det, permanent, floor);
-#endif
+  insphereFilterFastest(pa, pb, pc, pd, pe, det, permanent, floor);
   const double errbound = isperrboundA * permanent + (bFloor ? floor : 0.0);
   // Decided only when |det| exceeds the bound, as published. A query with
   // the coordinates of a corner zeroes a row of the determinant, so det and
