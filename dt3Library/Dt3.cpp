@@ -188,6 +188,8 @@ void Dt3::triangulate(std::vector<Point3*>& vVertices, Tet3* pLastTet) {
     std::cout << "Attention: triangulate has got an empty vector" << std::endl;
     return;
   }
+  // The list may come from a caller of this public entry, not the intake.
+  for (const Point3* p : vVertices) bFloorFreeRange = bFloorFreeRange && ExactTest::inFloorFreeRange(*p);
   const unsigned long n = vVertices.size();
   const int numLevels =
       std::max(static_cast<int>(std::ceil(std::log(static_cast<double>(n)) / 0.6931471805599453)) - 4, 0);
