@@ -425,18 +425,10 @@ inline void addToFinal(int& finlength, double*& finnow, double*& finother, int l
 
 namespace {
 
-constexpr double kRangeLow = 0x1p-159, kRangeHigh = 0x1p199;
 constexpr int kRangeLowExp = -159, kRangeHighExp = 198; // ilogb of the ends
 
 // Whether the n values are 0 or of magnitude in [2^-159, 2^199).
-inline bool inPublishedRange(const double* v, int n) {
-  bool ok = true;
-  for (int i = 0; i < n; i++) {
-    const double a = std::fabs(v[i]);
-    ok &= (a == 0.0) | ((a >= kRangeLow) & (a < kRangeHigh));
-  }
-  return ok;
-}
+inline bool inPublishedRange(const double* v, int n) { return ExactTest::allWithin(v, n, 0x1p-159); }
 
 // Signed integers of up to kCapacity 32-bit limbs, magnitude and sign, on
 // the stack. Enough for the sphere test's five-fold products of 2099-bit

@@ -22,8 +22,8 @@
 //
 // Every test is exact for all finite doubles. The published stages are exact
 // only while no product leaves the normal range of doubles; the filters here
-// say so in their bounds (a floor for what underflow can cost, a ceiling on
-// the permanent against overflow), and the adaptive stages hand input that
+// say so in their bounds (a floor for what underflow can cost; overflow
+// makes the bound itself infinite), and the adaptive stages hand input that
 // lies outside the published range to an evaluation that holds for any
 // finite coordinates (see BrixTest3.cpp). NaN and infinite coordinates are
 // outside what the tests decide: the answer is then meaningless but defined.
@@ -312,6 +312,15 @@ public:
   inline Orientation3 getOrientation3InRange(Tet3* pC, int ith, const Point3* pQ) const;
   inline SphereInclusion sphereInclusionTestInRange(Tet3* pTet, const Point3* pQ) const;
   static inline bool inFloorFreeRange(const Point3& p);
+  // Whether the n values are 0 or of magnitude in [low, 2^199).
+  static inline bool allWithin(const double* v, int n, double low) {
+    bool ok = true;
+    for (int i = 0; i < n; i++) {
+      const double a = std::fabs(v[i]);
+      ok &= (a == 0.0) | ((a >= low) & (a < 0x1p199));
+    }
+    return ok;
+  }
 
   // The determinant and permanent of the orientation filter, and its floor:
   // a bound on what products that fell below the normal range can have cost.
@@ -484,12 +493,8 @@ inline SphereInclusion ExactTest::sphereInclusionTestInRange(Tet3* pTet, const P
 }
 
 inline bool ExactTest::inFloorFreeRange(const Point3& p) {
-  bool ok = true;
-  for (const double c : {p.x(), p.y(), p.z()}) {
-    const double a = std::fabs(c);
-    ok &= (a == 0.0) | ((a >= 0x1p-150) & (a < 0x1p199));
-  }
-  return ok;
+  const double c[3] = {p.x(), p.y(), p.z()};
+  return allWithin(c, 3, 0x1p-150);
 }
 
 template <bool bFloor>
