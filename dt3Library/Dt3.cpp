@@ -1,6 +1,15 @@
-// Dt3.cpp: the triangulation object: its life cycle, the insertion driver,
-// point location, Bowyer-Watson insertion with its facet registry, the hull
-// path, duplicates, and the queries, self-test and debug output.
+// Dt3.cpp: the triangulation object. The road of a point, in file order:
+//   intake     insertVector, insert: range flag, then the store
+//   store      hc3.addPoints/addPoint (HC3.cpp): curve order, duplicates out
+//   first tet  createInitialTet: the first four vertices that span space
+//   levels     triangulate, getLevelsRec: coarse-to-fine rounds on the curve
+//   walk       locateConflictTet, coplanarCase: visibility walk to the point
+//   cavity     insertVertex, enterCavity: flood over conflicting tetrahedra
+//   new tets   newTetOnFacet, glueNewTet: one per boundary facet, linked out
+//   registry   tcsTreatment, registerTets, tcsFinalPass: inner facets paired
+//   hull       ch_insertVertex, ch_getVisibleTets, extractVisible...Doomed
+//   gluing     glueTetsToVisibleKeptOnes, glueTetsToBackSidesOfDoomedOnes
+// then duplicates, queries, the self-test and the debug output.
 //
 // The mesh invariants are listed in Dt3.h. Every insertion starts from an
 // empty facet registry, swaps the two retirement arrays before it makes or
@@ -12,7 +21,6 @@
 #include <cstdint>
 #include <iostream>
 #include <set>
-#include <unordered_set>
 
 #include "Surface3.h"
 #include "Velm_3D.h"
@@ -24,8 +32,6 @@ namespace {
 
 // The facet after i, cyclically: the walk tests facets in this order.
 const int nextFacetIndex[4] = {1, 2, 3, 0};
-
-inline bool range03(int i) { return i >= 0 && i <= 3; }
 
 } // namespace
 
@@ -61,56 +67,9 @@ Surface3* Dt3::createEmptySurface() {
   return pSurface;
 }
 
-// The first tetrahedron: among the stored vertices in key order, the
-// lexicographically first index quadruple i<j<k<l that is not coplanar.
-//
-// The search needs only one pass. With i=0 and j=1: every k before the first
-// one that is not collinear with v0, v1 leaves all l coplanar, and if that
-// first such k finds no l off the plane, then all later points lie in the
-// plane of v0, v1, vk (the skipped ones lie on the line v0 v1), so the whole
-// set is coplanar and no other quadruple exists either. If no k is found, the
-// whole set is collinear. Hence the result is the first quadruple of the full
-// lexicographic search, found in linear time.
-Tet3* Dt3::createInitialTet() {
-  VELM_ASSERT(!bFullDimensional);
-  std::vector<Point3*> v;
-  hc3.getVertices(v);
-  if (v.size() < 4) return nullptr;
-  Point3* a = v[0];
-  Point3* b = v[1];
-  double pa[3], pb[3];
-  a->xyz(pa[0], pa[1], pa[2]);
-  b->xyz(pb[0], pb[1], pb[2]);
-  size_t k = 2;
-  for (; k < v.size(); ++k) {
-    double pc[3];
-    v[k]->xyz(pc[0], pc[1], pc[2]);
-    // Collinear exactly when all three coordinate projections are.
-    double axy[2] = {pa[0], pa[1]}, bxy[2] = {pb[0], pb[1]}, cxy[2] = {pc[0], pc[1]};
-    double ayz[2] = {pa[1], pa[2]}, byz[2] = {pb[1], pb[2]}, cyz[2] = {pc[1], pc[2]};
-    double azx[2] = {pa[2], pa[0]}, bzx[2] = {pb[2], pb[0]}, czx[2] = {pc[2], pc[0]};
-    if (predicates.orient2d(axy, bxy, cxy) != 0.0 || predicates.orient2d(ayz, byz, cyz) != 0.0 ||
-        predicates.orient2d(azx, bzx, czx) != 0.0)
-      break;
-  }
-  if (k + 1 >= v.size()) return nullptr;
-  Point3* c = v[k];
-  for (size_t l = k + 1; l < v.size(); ++l) {
-    Point3* d = v[l];
-    Orientation3 ori = predicates.getOrientation3(a, b, c, d);
-    if (ori == ORI3_ZERO) continue;
-    if (ori == ORIENTATION3_NEGATIVE) std::swap(a, b);
-    ori = predicates.getOrientation3(a, b, c, d);
-    VELM_ASSERT(ori==ORIENTATION3_POSITIVE);
-    Tet3* pTet = createTet(a, b, c, d);
-    bFullDimensional = true;
-    return pTet;
-  }
-  return nullptr;
-}
-
 // ---------------------------------------------------------------------------
-// Insertion driver.
+// Intake: the range flag, the store, and the first tetrahedron once four
+// stored vertices span space.
 
 void Dt3::insertVector(std::vector<Point3>& vPoints, std::vector<Point3*>& vUserHandles) {
   if (bVerbose) std::cout << std::endl << "Dt3::insert(vector,vector) has been called" << std::endl;
@@ -164,6 +123,57 @@ Point3* Dt3::insert(Point3& p) {
   }
   return pVtx;
 }
+
+// The first tetrahedron: among the stored vertices in key order, the
+// lexicographically first index quadruple i<j<k<l that is not coplanar.
+//
+// The search needs only one pass. With i=0 and j=1: every k before the first
+// one that is not collinear with v0, v1 leaves all l coplanar, and if that
+// first such k finds no l off the plane, then all later points lie in the
+// plane of v0, v1, vk (the skipped ones lie on the line v0 v1), so the whole
+// set is coplanar and no other quadruple exists either. If no k is found, the
+// whole set is collinear. Hence the result is the first quadruple of the full
+// lexicographic search, found in linear time.
+Tet3* Dt3::createInitialTet() {
+  VELM_ASSERT(!bFullDimensional);
+  std::vector<Point3*> v;
+  hc3.getVertices(v);
+  if (v.size() < 4) return nullptr;
+  Point3* a = v[0];
+  Point3* b = v[1];
+  double pa[3], pb[3];
+  a->xyz(pa[0], pa[1], pa[2]);
+  b->xyz(pb[0], pb[1], pb[2]);
+  size_t k = 2;
+  for (; k < v.size(); ++k) {
+    double pc[3];
+    v[k]->xyz(pc[0], pc[1], pc[2]);
+    // Collinear exactly when all three coordinate projections are.
+    double axy[2] = {pa[0], pa[1]}, bxy[2] = {pb[0], pb[1]}, cxy[2] = {pc[0], pc[1]};
+    double ayz[2] = {pa[1], pa[2]}, byz[2] = {pb[1], pb[2]}, cyz[2] = {pc[1], pc[2]};
+    double azx[2] = {pa[2], pa[0]}, bzx[2] = {pb[2], pb[0]}, czx[2] = {pc[2], pc[0]};
+    if (predicates.orient2d(axy, bxy, cxy) != 0.0 || predicates.orient2d(ayz, byz, cyz) != 0.0 ||
+        predicates.orient2d(azx, bzx, czx) != 0.0)
+      break;
+  }
+  if (k + 1 >= v.size()) return nullptr;
+  Point3* c = v[k];
+  for (size_t l = k + 1; l < v.size(); ++l) {
+    Point3* d = v[l];
+    Orientation3 ori = predicates.getOrientation3(a, b, c, d);
+    if (ori == ORI3_ZERO) continue;
+    if (ori == ORIENTATION3_NEGATIVE) std::swap(a, b);
+    ori = predicates.getOrientation3(a, b, c, d);
+    VELM_ASSERT(ori==ORIENTATION3_POSITIVE);
+    Tet3* pTet = createTet(a, b, c, d);
+    bFullDimensional = true;
+    return pTet;
+  }
+  return nullptr;
+}
+
+// ---------------------------------------------------------------------------
+// Insertion driver.
 
 void getLevelsRec(std::vector<Point3*>& vVertices, unsigned long first, unsigned long last, int level,
                   int maxLevel, std::vector<std::vector<Point3*>>& vvLevels) {
@@ -249,6 +259,15 @@ Point3* Dt3::createPendingVertex(double, double, double) {
 // that the point lies beyond, or in whose closed triangle it lies; -99 the
 // step limit ran out.
 
+inline Orientation3 Dt3::facetOrientation(Tet3* pTet, int ith, const Point3* pVtx, bool bInRange) const {
+  return bInRange ? predicates.getOrientation3InRange(pTet, ith, pVtx) : predicates.getOrientation3(pTet, ith, pVtx);
+}
+
+inline SphereInclusion Dt3::sphereInclusion(Tet3* pTet, const Point3* pVtx) const {
+  return bFloorFreeRange ? predicates.sphereInclusionTestInRange(pTet, pVtx)
+                         : predicates.sphereInclusionTest(pTet, pVtx);
+}
+
 int Dt3::locateConflictTet(Point3* pVtx, Tet3*& pStartTet) {
   if (pStartTet == nullptr) {
     goToHell("locateConflictTet");
@@ -269,8 +288,7 @@ int Dt3::locateConflictTet(Point3* pVtx, Tet3*& pStartTet) {
       return -99;
     }
     ++numSteps;
-    const Orientation3 ori = bInRange ? predicates.getOrientation3InRange(pStartTet, ith, pVtx)
-                                      : predicates.getOrientation3(pStartTet, ith, pVtx);
+    const Orientation3 ori = facetOrientation(pStartTet, ith, pVtx, bInRange);
     if (ori == ORIENTATION3_NEGATIVE) {
       Tet3* pNext = pStartTet->getOppTet(ith);
       if (pNext == nullptr) return ith;
@@ -281,44 +299,8 @@ int Dt3::locateConflictTet(Point3* pVtx, Tet3*& pStartTet) {
       continue;
     }
     if (ori == ORI3_ZERO) {
-      // The point lies in the plane of facet ith: find out where exactly.
-      if (pStartTet->hasVertex(*pVtx)) return -2;
-      int numPositive = 0, numNegative = 0, numCoplanar = 0;
-      int outIndex = -1, opp2ICI = -1;
-      for (int k = 0; k < 4; ++k) {
-        const Orientation3 oriK = bInRange ? predicates.getOrientation3InRange(pStartTet, k, pVtx)
-                                           : predicates.getOrientation3(pStartTet, k, pVtx);
-        if (oriK == ORIENTATION3_POSITIVE) {
-          ++numPositive;
-        } else if (oriK == ORIENTATION3_NEGATIVE) {
-          ++numNegative;
-        } else {
-          ++numCoplanar;
-          if (pStartTet->getOppTet(k) == nullptr) outIndex = k;
-          if (k != ith) opp2ICI = k;
-        }
-      }
-      if (numNegative == 0) {
-        // At this point the point lies in the closed tetrahedron.
-        if (numPositive == 3 && numCoplanar == 1) return outIndex;
-        VELM_ASSERT(numPositive==2);
-        VELM_ASSERT(numCoplanar==2);
-        VELM_ASSERT(opp2ICI>=0);
-        // On the edge shared by facets ith and opp2ICI: circulate round it
-        // until it closes (an inner edge) or reaches the hull.
-        const Edge3 startEdge(pStartTet, ith, opp2ICI);
-        TetAroundEdgeIterator it(startEdge);
-        while (it.getTet()->getOppTet(it.getOpp2Index()) != nullptr) {
-          ++it;
-          if (it.getEdge() == startEdge && it.getTet() == startEdge.getTet()) return -1;
-        }
-        pStartTet = it.getTet();
-        outIndex = it.getOpp2Index();
-        VELM_ASSERT(pStartTet!=NULL);
-        VELM_ASSERT(pStartTet->getOppTet(outIndex)==NULL);
-        return outIndex;
-      }
-      // A negative facet exists: go on as if this facet were positive.
+      const int result = coplanarCase(pVtx, pStartTet, ith, bInRange);
+      if (result != walkGoesOn) return result;
     }
     ith = nextFacetIndex[ith];
     if (--numFacetsLeft == 0) {
@@ -333,12 +315,87 @@ int Dt3::locateConflictTet(Point3* pVtx, Tet3*& pStartTet) {
   }
 }
 
+// The point lies in the plane of facet ith. All four facets are tested again
+// (the extra tests are no walk steps); a negative one means that the plane
+// decides nothing and the walk goes on as after a positive facet. Otherwise
+// the point lies in the closed tetrahedron: on a corner, inside a facet, or
+// on an edge, round which the walk circulates until the edge closes (an
+// inner edge) or reaches the hull.
+int Dt3::coplanarCase(Point3* pVtx, Tet3*& pStartTet, int ith, bool bInRange) {
+  if (pStartTet->hasVertex(*pVtx)) return -2;
+  int numPositive = 0, numNegative = 0, numCoplanar = 0;
+  int outIndex = -1, opp2ICI = -1;
+  for (int k = 0; k < 4; ++k) {
+    const Orientation3 oriK = facetOrientation(pStartTet, k, pVtx, bInRange);
+    if (oriK == ORIENTATION3_POSITIVE) {
+      ++numPositive;
+    } else if (oriK == ORIENTATION3_NEGATIVE) {
+      ++numNegative;
+    } else {
+      ++numCoplanar;
+      if (pStartTet->getOppTet(k) == nullptr) outIndex = k;
+      if (k != ith) opp2ICI = k;
+    }
+  }
+  if (numNegative > 0) return walkGoesOn;
+  if (numPositive == 3 && numCoplanar == 1) return outIndex;
+  VELM_ASSERT(numPositive==2);
+  VELM_ASSERT(numCoplanar==2);
+  VELM_ASSERT(opp2ICI>=0);
+  // On the edge shared by facets ith and opp2ICI.
+  const Edge3 startEdge(pStartTet, ith, opp2ICI);
+  TetAroundEdgeIterator it(startEdge);
+  while (it.getTet()->getOppTet(it.getOpp2Index()) != nullptr) {
+    ++it;
+    if (it.getEdge() == startEdge && it.getTet() == startEdge.getTet()) return -1;
+  }
+  pStartTet = it.getTet();
+  outIndex = it.getOpp2Index();
+  VELM_ASSERT(pStartTet!=NULL);
+  VELM_ASSERT(pStartTet->getOppTet(outIndex)==NULL);
+  return outIndex;
+}
+
 // ---------------------------------------------------------------------------
 // Interior insertion: Bowyer-Watson with an explicit stack. The cavity grows
 // from the located tetrahedron over facets whose neighbour has the point
 // strictly inside its circumsphere; each boundary facet gets a new
 // tetrahedron with the point as corner 0, so facet 0 of every new
 // tetrahedron is its outer facet and facets 1, 2, 3 are inner ones.
+
+inline void Dt3::enterCavity(Tet3* pTet, std::vector<Tet3*>& vFlood) {
+  pTet->hasBeenVisited = true;
+  vFlood.push_back(pTet);
+  doom(pTet);
+}
+
+inline Tet3* Dt3::newTetOnFacet(Tet3* pCavTet, int ith, Point3* pVtx, Tet3* pOppTet) {
+  Tet3* pNewTet = createTet(pCavTet, ith, pVtx);
+  glueNewTet(pNewTet, pOppTet, pOppTet != nullptr ? pOppTet->getIntraTetIndex(pCavTet) : -1);
+  return pNewTet;
+}
+
+inline void Dt3::glueNewTet(Tet3* pNewTet, Tet3* pOppTet, int j) {
+  if (pOppTet != nullptr) registerTets(pNewTet, 0, pOppTet, j);
+  Point3* p[3] = {pNewTet->getCorner(1), pNewTet->getCorner(2), pNewTet->getCorner(3)};
+  int idx[3] = {1, 2, 3};
+  // Three-element sort by address, keeping each corner's index.
+  if (p[1] < p[0]) {
+    std::swap(p[0], p[1]);
+    std::swap(idx[0], idx[1]);
+  }
+  if (p[2] < p[1]) {
+    std::swap(p[1], p[2]);
+    std::swap(idx[1], idx[2]);
+    if (p[1] < p[0]) {
+      std::swap(p[0], p[1]);
+      std::swap(idx[0], idx[1]);
+    }
+  }
+  tcsTreatment(tcsHash(p[1], p[2]), pNewTet, idx[0], p[1], p[2]);
+  tcsTreatment(tcsHash(p[0], p[2]), pNewTet, idx[1], p[0], p[2]);
+  tcsTreatment(tcsHash(p[0], p[1]), pNewTet, idx[2], p[0], p[1]);
+}
 
 Tet3* Dt3::insertVertex(Point3*& pVtx, Tet3* pCurTet) {
   VELM_ASSERT(!pCurTet->hasBeenVisited);
@@ -358,10 +415,7 @@ Tet3* Dt3::insertVertex(Point3*& pVtx, Tet3* pCurTet) {
   VELM_ASSERT(locateResult==-1);
 
   swapDoomedVectors();
-  doom(pCurTet);
-  vStack.push_back(pCurTet);
-  pCurTet->hasBeenVisited = true;
-
+  enterCavity(pCurTet, vStack);
   Tet3* pNewTet = nullptr;
   while (!vStack.empty()) {
     Tet3* pCavTet = vStack.back();
@@ -373,16 +427,12 @@ Tet3* Dt3::insertVertex(Point3*& pVtx, Tet3* pCurTet) {
       if (pOppTet != nullptr) {
         if (pOppTet->hasBeenVisited) continue;
         if (sphereInclusion(pOppTet, pVtx) != SIC_OUTSIDE) {
-          pOppTet->hasBeenVisited = true;
-          vStack.push_back(pOppTet);
-          doom(pOppTet);
+          enterCavity(pOppTet, vStack);
           continue;
         }
       }
       // At this point facet ith lies on the cavity's boundary.
-      pNewTet = createTet(pCavTet, ith, pVtx);
-      if (pOppTet != nullptr) linkTets(pNewTet, 0, pOppTet, pOppTet->getIntraTetIndex(pCavTet));
-      registerInnerFacets(pNewTet);
+      pNewTet = newTetOnFacet(pCavTet, ith, pVtx, pOppTet);
     }
   }
   tcsFinalPass();
@@ -393,107 +443,34 @@ Tet3* Dt3::insertVertex(Point3*& pVtx, Tet3* pCurTet) {
   return pNewTet;
 }
 
-Tet3* Dt3::duplicateInsertCheck(Point3*& pVtx, Tet3* pCurTet, int locateResult) {
-  VELM_ASSERT(locateResult==-2);
-  for (int i = 0; i < 4; ++i) {
-    Point3* pCorner = pCurTet->getCorner(i);
-    if (*pCorner == *pVtx) {
-      pVtx = pCorner;
-      return pCurTet;
-    }
-  }
-  error("insertVertex()", "Proxy not found");
-  return nullptr;
-}
-
 // ---------------------------------------------------------------------------
 // Facet registry. All inner facets of one insertion contain the new vertex,
 // so an inner facet is named by its two other vertices. The first
 // tetrahedron with a pair leaves an open entry, the second closes it and the
 // two are linked at once. 1024 buckets of one entry plus a flat overflow list.
 
-inline void Dt3::linkTets(Tet3* fromTet, int ith, Tet3* toTet, int jth) {
-  VELM_ASSERT(range03(ith));
-  VELM_ASSERT(range03(jth));
-  VELM_ASSERT(toTet!=NULL);
-  if (fromTet == toTet) {
-    std::cout << "register tets has been called with fromTet==toTet==" << static_cast<void*>(fromTet)
-              << std::endl;
-    std::cout << *fromTet << std::endl;
-    VELM_ASSERT(fromTet!=toTet);
-  }
-  toTet->setOppTet(jth, fromTet);
-  fromTet->setOppTet(ith, toTet);
+void Dt3::reportSelfLink(Tet3* fromTet, Tet3* toTet) {
+  std::cout << "register tets has been called with fromTet==toTet==" << static_cast<void*>(fromTet) << std::endl;
+  std::cout << *fromTet << std::endl;
+  VELM_ASSERT(fromTet!=toTet);
 }
 
-void Dt3::registerTets(Tet3* fromTet, int ith, Tet3* toTet, int jth) { linkTets(fromTet, ith, toTet, jth); }
-
-inline void Dt3::offerFacet(unsigned long hash, Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh) {
-  TwoTetStruct*& pBucket = vTcsTable[hash];
-  if (pBucket == nullptr) {
-    TwoTetStruct* pEntry = poolTwoTet.nextObject();
-    pEntry->pVtxLow = pVtxLow;
-    pEntry->pVtxHigh = pVtxHigh;
-    pEntry->pTet = pTet;
-    pEntry->ith = ith;
-    pBucket = pEntry;
-    ++numStoredTCS;
-    return;
-  }
-  if (pBucket->pVtxLow == pVtxLow && pBucket->pVtxHigh == pVtxHigh) {
-    // The entry's own tetrahedron is not compared here.
-    --numStoredTCS;
-    linkTets(pBucket->pTet, pBucket->ith, pTet, ith);
-    pBucket = nullptr;
-    return;
-  }
-  offerFacetToOverflow(pTet, ith, pVtxLow, pVtxHigh);
-}
-
-// The bucket holds another pair: look for the partner in the overflow list,
-// passing over entries of this same tetrahedron; else append.
-void Dt3::offerFacetToOverflow(Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh) {
+// Looks for the partner in the overflow list, passing over entries of this
+// same tetrahedron; else appends.
+void Dt3::tcsOverflow(Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh) {
   for (auto it = vHashCollisions.begin(); it != vHashCollisions.end(); ++it) {
     TwoTetStruct* pEntry = *it;
     if (pEntry->pVtxLow == pVtxLow && pEntry->pVtxHigh == pVtxHigh && pEntry->pTet != pTet) {
-      linkTets(pEntry->pTet, pEntry->ith, pTet, ith);
+      registerTets(pEntry->pTet, pEntry->ith, pTet, ith);
       vHashCollisions.erase(it);
       --numStoredTCS;
       return;
     }
   }
   TwoTetStruct* pEntry = poolTwoTet.nextObject();
-  pEntry->pVtxLow = pVtxLow;
-  pEntry->pVtxHigh = pVtxHigh;
-  pEntry->pTet = pTet;
-  pEntry->ith = ith;
+  *pEntry = TwoTetStruct{pVtxLow, pVtxHigh, pTet, ith};
   vHashCollisions.push_back(pEntry);
   ++numStoredTCS;
-}
-
-void Dt3::tcsTreatment(unsigned long hash, Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh) {
-  offerFacet(hash, pTet, ith, pVtxLow, pVtxHigh);
-}
-
-inline void Dt3::registerInnerFacets(Tet3* pNewTet) {
-  Point3* p[3] = {pNewTet->getCorner(1), pNewTet->getCorner(2), pNewTet->getCorner(3)};
-  int idx[3] = {1, 2, 3};
-  // Three-element sort by address, keeping each corner's index.
-  if (p[1] < p[0]) {
-    std::swap(p[0], p[1]);
-    std::swap(idx[0], idx[1]);
-  }
-  if (p[2] < p[1]) {
-    std::swap(p[1], p[2]);
-    std::swap(idx[1], idx[2]);
-    if (p[1] < p[0]) {
-      std::swap(p[0], p[1]);
-      std::swap(idx[0], idx[1]);
-    }
-  }
-  offerFacet(tcsHash(p[1], p[2]), pNewTet, idx[0], p[1], p[2]);
-  offerFacet(tcsHash(p[0], p[2]), pNewTet, idx[1], p[0], p[2]);
-  offerFacet(tcsHash(p[0], p[1]), pNewTet, idx[2], p[0], p[1]);
 }
 
 // A pair whose first half went to the overflow list while another pair held
@@ -587,9 +564,7 @@ void Dt3::extractVisibleStayAndToBeDoomed(std::vector<Tet3*>& vVisibleTets, std:
                                           std::vector<Tet3*>& vDoomedTets, Point3* pVtx) {
   for (Tet3* pTet : vVisibleTets) {
     if (predicates.sphereInclusionTest(pTet, pVtx) != SIC_OUTSIDE) {
-      vDoomedTets.push_back(pTet);
-      pTet->hasBeenVisited = true;
-      doom(pTet);
+      enterCavity(pTet, vDoomedTets);
     } else {
       vStayTets.push_back(pTet);
     }
@@ -604,9 +579,7 @@ void Dt3::extractVisibleStayAndToBeDoomed(std::vector<Tet3*>& vVisibleTets, std:
       Tet3* pOppTet = pCurTet->getOppTet(i);
       if (pOppTet == nullptr || pOppTet->hasBeenVisited) continue;
       if (predicates.sphereInclusionTest(pOppTet, pVtx) != SIC_OUTSIDE) {
-        doom(pOppTet);
-        pOppTet->hasBeenVisited = true;
-        vWork.push_back(pOppTet);
+        enterCavity(pOppTet, vWork);
         vDoomedTets.push_back(pOppTet);
       }
     }
@@ -635,8 +608,7 @@ Tet3* Dt3::glueTetsToVisibleKeptOnes(std::vector<Tet3*>& vStayTets, Point3* pVtx
       case 2: pNewTet = createTet(pVtx, c0, c3, c1); break;
       default: pNewTet = createTet(pVtx, c0, c1, c2); break;
       }
-      registerTets(pNewTet, 0, pCHTet, k);
-      registerInnerFacets(pNewTet);
+      glueNewTet(pNewTet, pCHTet, k);
     }
   }
   VELM_ASSERT(pNewTet!=NULL);
@@ -657,14 +629,9 @@ Tet3* Dt3::glueTetsToBackSidesOfDoomedOnes(std::vector<Tet3*>& vDoomedTets, Poin
       if (predicates.getOrientation3(pDoomedTet, k, pVtx) != ORIENTATION3_POSITIVE) continue;
       Tet3* pOppTet = pDoomedTet->getOppTet(k);
       if (pOppTet != nullptr && pOppTet->hasBeenVisited) continue;
-      pNewTet = createTet(pDoomedTet, k, pVtx);
+      pNewTet = newTetOnFacet(pDoomedTet, k, pVtx, pOppTet);
       VELM_ASSERT(pNewTet!=NULL);
       VELM_ASSERT(!pNewTet->hasBeenVisited);
-      if (pOppTet != nullptr) {
-        VELM_ASSERT(!pOppTet->hasBeenVisited);
-        registerTets(pNewTet, 0, pOppTet, pOppTet->getIntraTetIndex(pDoomedTet));
-      }
-      registerInnerFacets(pNewTet);
     }
   }
   VELM_ASSERT(pNewTet!=NULL);
@@ -672,75 +639,26 @@ Tet3* Dt3::glueTetsToBackSidesOfDoomedOnes(std::vector<Tet3*>& vDoomedTets, Poin
 }
 
 // ---------------------------------------------------------------------------
+// Duplicates: the walk met a corner with the point's coordinates.
+
+Tet3* Dt3::duplicateInsertCheck(Point3*& pVtx, Tet3* pCurTet, int locateResult) {
+  VELM_ASSERT(locateResult==-2);
+  for (int i = 0; i < 4; ++i) {
+    Point3* pCorner = pCurTet->getCorner(i);
+    if (*pCorner == *pVtx) {
+      pVtx = pCorner;
+      return pCurTet;
+    }
+  }
+  error("insertVertex()", "Proxy not found");
+  return nullptr;
+}
+
+// ---------------------------------------------------------------------------
 // Queries. They walk the mesh from the incident tetrahedra of the vertices
 // with a visited set of their own (never the hasBeenVisited mark) and give
 // their results in ascending address order, except getIncidentTetrahera,
 // which gives discovery order.
-
-namespace {
-
-// The visited set of a walk over all tetrahedra: one bit per record of the
-// tetrahedron pool, the blocks in address order, so that reading the set
-// back gives ascending addresses without a sort. A record from anywhere
-// else (not expected) goes to a plain hash set.
-class TetRecordSet {
-public:
-  TetRecordSet(const std::vector<Tet3*>& vBlockStarts, const std::vector<int>& vBlockSizes) {
-    for (size_t i = 0; i < vBlockStarts.size(); ++i) vBlocks.push_back({vBlockStarts[i], vBlockSizes[i], 0});
-    std::sort(vBlocks.begin(), vBlocks.end(),
-              [](const Block& a, const Block& b) { return a.pStart < b.pStart; });
-    size_t numRecords = 0;
-    for (Block& block : vBlocks) {
-      block.firstBit = numRecords;
-      numRecords += static_cast<size_t>(block.size);
-    }
-    vBits.assign((numRecords + 63) / 64, 0);
-  }
-
-  // Adds pTet; false if it was there already.
-  bool insert(Tet3* pTet) {
-    auto it = std::upper_bound(vBlocks.begin(), vBlocks.end(), pTet,
-                               [](const Tet3* p, const Block& b) { return p < b.pStart; });
-    if (it != vBlocks.begin()) {
-      const Block& block = *(it - 1);
-      if (pTet < block.pStart + block.size) {
-        const size_t bit = block.firstBit + static_cast<size_t>(pTet - block.pStart);
-        const uint64_t mask = uint64_t(1) << (bit & 63);
-        if (vBits[bit >> 6] & mask) return false;
-        vBits[bit >> 6] |= mask;
-        return true;
-      }
-    }
-    return sForeign.insert(pTet).second;
-  }
-
-  // Appends the set in ascending address order.
-  void appendTo(std::vector<Tet3*>& vTet) const {
-    const size_t first = vTet.size();
-    for (const Block& block : vBlocks) {
-      for (int i = 0; i < block.size; ++i) {
-        const size_t bit = block.firstBit + static_cast<size_t>(i);
-        if (vBits[bit >> 6] & (uint64_t(1) << (bit & 63))) vTet.push_back(block.pStart + i);
-      }
-    }
-    if (!sForeign.empty()) {
-      vTet.insert(vTet.end(), sForeign.begin(), sForeign.end());
-      std::sort(vTet.begin() + static_cast<long>(first), vTet.end());
-    }
-  }
-
-private:
-  struct Block {
-    Tet3* pStart;
-    int size;
-    size_t firstBit;
-  };
-  std::vector<Block> vBlocks;
-  std::vector<uint64_t> vBits;
-  std::unordered_set<Tet3*> sForeign;
-};
-
-} // namespace
 
 void Dt3::getAllTetrahedra(std::vector<Tet3*>& vTet) {
   VELM_ASSERT(vTet.empty());
@@ -758,7 +676,7 @@ void Dt3::getAllTetrahedra(std::vector<Tet3*>& vTet) {
     std::cout << "Dt3::getAllTetrahedra(), oneTet==NULL" << std::endl;
     return;
   }
-  TetRecordSet sSeen(poolTet.getBlocks(), poolTet.getBlockSizes());
+  BRIX_TOOLS::PoolRecordSet<Tet3> sSeen(poolTet);
   std::vector<Tet3*> vWork;
   vWork.push_back(pSeed);
   sSeen.insert(pSeed);

@@ -119,10 +119,20 @@ public:
   Tet3* insertVertex(Point3*& pVtx, Tet3* pCurTet);
   Tet3* duplicateInsertCheck(Point3*& pVtx, Tet3* pCurTet, int locateResult);
 
-  // Facet registry.
-  void tcsTreatment(unsigned long hash, Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh);
-  void registerTets(Tet3* fromTet, int ith, Tet3* toTet, int jth);
+  // Facet registry. tcsTreatment offers one inner facet of the insertion at
+  // work (named by its pair of other vertices, lower address first, and
+  // hashed by tcsHash); registerTets links two tetrahedra across a facet.
+  // Both are the hot path of the insertion and are inlined into it.
+  inline void tcsTreatment(unsigned long hash, Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh);
+  inline void registerTets(Tet3* fromTet, int ith, Tet3* toTet, int jth);
+  // Offers the overflow list again, from its back, and empties it.
+  void tcsFinalPass();
   void tcsReset();
+  static unsigned long tcsHash(const Point3* pLow, const Point3* pHigh) {
+    const unsigned long a = reinterpret_cast<unsigned long>(pLow);
+    const unsigned long b = reinterpret_cast<unsigned long>(pHigh);
+    return ((a >> 5) & 31) | (b & 0x3E0);
+  }
 
   // Hull insertion.
   Tet3* ch_insertVertex(Point3*& pVtx, Tet3* pCurTet, int opp3ICI);
@@ -153,25 +163,34 @@ public:
   size_t getNumHashCollisions() const { return vHashCollisions.size(); }
   bool isRegistryEmpty() const;
 
-  // Offers the overflow list again, from its back, and empties it.
-  void tcsFinalPass();
+private:
   // Takes a fresh record from the pool (when no retired one is waiting).
   Tet3* newTetFromPool();
-  // The hot forms of tcsTreatment and registerTets, inlined into the
-  // insertion; the overflow list is the rare, out-of-line part.
-  inline void offerFacet(unsigned long hash, Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh);
-  void offerFacetToOverflow(Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh);
-  inline void linkTets(Tet3* fromTet, int ith, Tet3* toTet, int jth);
-  // Offers the three inner facets of a new tetrahedron (corner 0 is the new
-  // vertex) to the registry, each named by its pair of other corners.
-  inline void registerInnerFacets(Tet3* pNewTet);
-  static unsigned long tcsHash(const Point3* pLow, const Point3* pHigh) {
-    const unsigned long a = reinterpret_cast<unsigned long>(pLow);
-    const unsigned long b = reinterpret_cast<unsigned long>(pHigh);
-    return ((a >> 5) & 31) | (b & 0x3E0);
-  }
 
-private:
+  // The walk's tests, in the form the range allows (see bFloorFreeRange).
+  inline Orientation3 facetOrientation(Tet3* pTet, int ith, const Point3* pVtx, bool bInRange) const;
+  inline SphereInclusion sphereInclusion(Tet3* pTet, const Point3* pVtx) const;
+  // The walk's answer for a point in the plane of facet ith, or walkGoesOn.
+  static constexpr int walkGoesOn = -3;
+  int coplanarCase(Point3* pVtx, Tet3*& pStartTet, int ith, bool bInRange);
+
+  // Cavity steps shared by the interior and the hull path: a tetrahedron in
+  // conflict is marked, pushed for the flood and doomed; a boundary facet of
+  // the cavity gets a new tetrahedron (corner 0 the new vertex) whose facet 0
+  // is linked to pOppTet (null: a hull facet) and whose inner facets go to
+  // the registry.
+  inline void enterCavity(Tet3* pTet, std::vector<Tet3*>& vFlood);
+  inline Tet3* newTetOnFacet(Tet3* pCavTet, int ith, Point3* pVtx, Tet3* pOppTet);
+  // Links facet 0 of a new tetrahedron to facet j of pOppTet when there is
+  // one, and offers the three inner facets (each named by its pair of other
+  // corners) to the registry.
+  inline void glueNewTet(Tet3* pNewTet, Tet3* pOppTet, int j);
+  // The bucket of tcsTreatment holds another pair: the overflow list.
+  void tcsOverflow(Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh);
+  static bool range03(int i) { return i >= 0 && i <= 3; }
+  // registerTets asked to link a tetrahedron to itself: the report.
+  void reportSelfLink(Tet3* fromTet, Tet3* toTet);
+
   BRIX_TOOLS::SimplePool<TwoTetStruct> poolTwoTet;
   BRIX_TOOLS::SimplePool<Tet3> poolTet;
   std::vector<Tet3*> vDoomed;
@@ -195,12 +214,35 @@ private:
   // InRange forms, which skip the floor for underflow. Cleared for good by
   // the first point outside.
   bool bFloorFreeRange;
-  // The cavity's sphere test of a stored vertex, in the form the range allows.
-  SphereInclusion sphereInclusion(Tet3* pTet, const Point3* pVtx) const {
-    return bFloorFreeRange ? predicates.sphereInclusionTestInRange(pTet, pVtx)
-                           : predicates.sphereInclusionTest(pTet, pVtx);
-  }
 };
+
+// The registry's two hot operations, inlined into the insertion.
+inline void Dt3::registerTets(Tet3* fromTet, int ith, Tet3* toTet, int jth) {
+  VELM_ASSERT(range03(ith));
+  VELM_ASSERT(range03(jth));
+  VELM_ASSERT(toTet!=NULL);
+  if (fromTet == toTet) reportSelfLink(fromTet, toTet);
+  toTet->setOppTet(jth, fromTet);
+  fromTet->setOppTet(ith, toTet);
+}
+
+inline void Dt3::tcsTreatment(unsigned long hash, Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh) {
+  TwoTetStruct*& pBucket = vTcsTable[hash];
+  if (pBucket == nullptr) {
+    pBucket = poolTwoTet.nextObject();
+    *pBucket = TwoTetStruct{pVtxLow, pVtxHigh, pTet, ith};
+    ++numStoredTCS;
+    return;
+  }
+  if (pBucket->pVtxLow == pVtxLow && pBucket->pVtxHigh == pVtxHigh) {
+    // The entry's own tetrahedron is not compared here.
+    --numStoredTCS;
+    registerTets(pBucket->pTet, pBucket->ith, pTet, ith);
+    pBucket = nullptr;
+    return;
+  }
+  tcsOverflow(pTet, ith, pVtxLow, pVtxHigh);
+}
 
 // Free debug output of tetrahedron lists.
 void showTets(const std::string& filename, std::vector<Tet3*>& vTets);

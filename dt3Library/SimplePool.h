@@ -14,9 +14,11 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <iostream>
+#include <unordered_set>
 #include <vector>
 
 namespace BRIX_TOOLS {
@@ -118,6 +120,68 @@ private:
   bool bInitialized;
   bool bSingleBlock;
   int maxBlockSize;
+};
+
+// A set of records of one pool, for walks that must visit each record once:
+// one bit per record, the blocks in address order, so that reading the set
+// back gives ascending addresses without a sort. A record from anywhere else
+// (not expected) goes to a plain hash set.
+template <class T> class PoolRecordSet {
+public:
+  explicit PoolRecordSet(const SimplePool<T>& pool) {
+    const std::vector<T*>& vStarts = pool.getBlocks();
+    const std::vector<int>& vSizes = pool.getBlockSizes();
+    for (size_t i = 0; i < vStarts.size(); ++i) vBlocks.push_back({vStarts[i], vSizes[i], 0});
+    std::sort(vBlocks.begin(), vBlocks.end(), [](const Block& a, const Block& b) { return a.pStart < b.pStart; });
+    size_t numRecords = 0;
+    for (Block& block : vBlocks) {
+      block.firstBit = numRecords;
+      numRecords += static_cast<size_t>(block.size);
+    }
+    vBits.assign((numRecords + 63) / 64, 0);
+  }
+
+  // Adds p; false if it was there already.
+  bool insert(T* p) {
+    auto it = std::upper_bound(vBlocks.begin(), vBlocks.end(), p,
+                               [](const T* q, const Block& b) { return q < b.pStart; });
+    if (it != vBlocks.begin()) {
+      const Block& block = *(it - 1);
+      if (p < block.pStart + block.size) {
+        const size_t bit = block.firstBit + static_cast<size_t>(p - block.pStart);
+        const uint64_t mask = uint64_t(1) << (bit & 63);
+        if (vBits[bit >> 6] & mask) return false;
+        vBits[bit >> 6] |= mask;
+        return true;
+      }
+    }
+    return sForeign.insert(p).second;
+  }
+
+  // Appends the set in ascending address order.
+  void appendTo(std::vector<T*>& v) const {
+    const size_t first = v.size();
+    for (const Block& block : vBlocks) {
+      for (int i = 0; i < block.size; ++i) {
+        const size_t bit = block.firstBit + static_cast<size_t>(i);
+        if (vBits[bit >> 6] & (uint64_t(1) << (bit & 63))) v.push_back(block.pStart + i);
+      }
+    }
+    if (!sForeign.empty()) {
+      v.insert(v.end(), sForeign.begin(), sForeign.end());
+      std::sort(v.begin() + static_cast<long>(first), v.end());
+    }
+  }
+
+private:
+  struct Block {
+    T* pStart;
+    int size;
+    size_t firstBit;
+  };
+  std::vector<Block> vBlocks;
+  std::vector<uint64_t> vBits;
+  std::unordered_set<T*> sForeign;
 };
 
 } // namespace BRIX_TOOLS
