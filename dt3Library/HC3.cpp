@@ -35,10 +35,8 @@ const int HC3::nextS[8][12] = {
 HC3::HC3(unsigned int numBits_)
     : spareExtent(-1.0), level(0), numBits(numBits_), pMinX(&bbox.minX), pMinY(&bbox.minY),
       pMinZ(&bbox.minZ), pMaxX(&bbox.maxX), pMaxY(&bbox.maxY), pMaxZ(&bbox.maxZ), lenX(-1.0),
-      lenY(-1.0), lenZ(-1.0), bConfigured(false),
-      sVertices(Func_ltIdxVtxPtr(), SetNodeAllocator<IdxVtx*>(&setNodeArena)) {
+      lenY(-1.0), lenZ(-1.0), bConfigured(false) {
   pointPool.init(4, -1);
-  idxVtxPool.init(4, -1);
   if (numBits > 32 || numBits % 3 != 0) {
     std::cout << "HC3::HC3(..): invalid bitlength" << std::endl;
     exit(1);
@@ -74,18 +72,30 @@ unsigned int HC3::iReset(const Point3& p) {
   return key;
 }
 
+void HC3::mergeRecent() {
+  if (sRecent.empty()) return;
+  const size_t numOld = vSorted.size();
+  vSorted.insert(vSorted.end(), sRecent.begin(), sRecent.end());
+  std::inplace_merge(vSorted.begin(), vSorted.begin() + static_cast<long>(numOld), vSorted.end(), Func_ltIdxVtx());
+  sRecent.clear();
+}
+
+const IdxVtx* HC3::find(const IdxVtx& q) const {
+  const Func_ltIdxVtx lt;
+  const auto it = std::lower_bound(vSorted.begin(), vSorted.end(), q, lt);
+  if (it != vSorted.end() && !lt(q, *it)) return &*it;
+  const auto itRecent = sRecent.find(q);
+  return itRecent != sRecent.end() ? &*itRecent : nullptr;
+}
+
+// Re-keys every stored vertex in the current box and restores the order.
 void HC3::reconfig() {
   lenX = *pMaxX - *pMinX;
   lenY = *pMaxY - *pMinY;
   lenZ = *pMaxZ - *pMinZ;
-  std::vector<IdxVtx*> vAll;
-  vAll.reserve(sVertices.size());
-  for (IdxVtx* pIv : sVertices) {
-    pIv->idx = iReset(*pIv->pVtx);
-    vAll.push_back(pIv);
-  }
-  sVertices.clear();
-  for (IdxVtx* pIv : vAll) sVertices.insert(pIv);
+  mergeRecent();
+  for (IdxVtx& iv : vSorted) iv.idx = iReset(*iv.pVtx);
+  std::sort(vSorted.begin(), vSorted.end(), Func_ltIdxVtx());
   bConfigured = true;
 }
 
@@ -117,6 +127,7 @@ void HC3::addPoints(std::vector<Point3>& vPoints, std::vector<Point3*>& vUserHan
       enlarge(0.5, 1.0);
     }
   }
+  mergeRecent();
   const size_t n = vPoints.size();
   std::vector<std::pair<unsigned int, unsigned long>> vKeys(n);
   for (size_t i = 0; i < n; ++i) vKeys[i] = std::make_pair(iReset(vPoints[i]), static_cast<unsigned long>(i));
@@ -124,65 +135,135 @@ void HC3::addPoints(std::vector<Point3>& vPoints, std::vector<Point3*>& vUserHan
 
   vUserHandles.assign(n, nullptr);
   vNewVertices.reserve(vNewVertices.size() + n);
-  // The records arrive in ascending key order; inserting behind the last
-  // position found makes each insertion into the ordered set nearly free.
-  VertexSet::iterator hint = sVertices.end();
-  for (const auto& keyIndex : vKeys) {
-    IdxVtx* pIv = idxVtxPool.nextObject();
-    pIv->idx = keyIndex.first;
-    pIv->pVtx = &vPoints[keyIndex.second];
-    const size_t sizeBefore = sVertices.size();
-    VertexSet::iterator it = sVertices.insert(hint, pIv);
-    hint = std::next(it);
-    if (sVertices.size() != sizeBefore) {
+  // The points arrive by key; those of one key (nearly always a single one)
+  // are a group. In a group, sorting by coordinates finds the repeats, of one
+  // another and of stored vertices of the key; the first by input order of
+  // equal points is the one stored, and the new vertices are made in input
+  // order. vAdd collects the new entries in the store's order.
+  std::vector<IdxVtx> vAdd;
+  vAdd.reserve(n);
+  std::vector<size_t> vGroup;
+  std::vector<long> vKind;
+  const Func_ltIdxVtx lt;
+  auto existing = vSorted.begin();
+  for (size_t first = 0; first < n;) {
+    const unsigned int key = vKeys[first].first;
+    size_t last = first + 1;
+    while (last < n && vKeys[last].first == key) ++last;
+    existing = std::lower_bound(existing, vSorted.end(), IdxVtx{key, nullptr}, lt);
+    const bool bStoredKey = existing != vSorted.end() && existing->idx == key;
+    if (last == first + 1 && !bStoredKey) {
+      const unsigned long i = vKeys[first].second;
       Point3* pVtx = pointPool.nextObject();
-      pVtx->init(vPoints[keyIndex.second]);
-      pIv->pVtx = pVtx;
-      vUserHandles[keyIndex.second] = pVtx;
+      pVtx->init(vPoints[i]);
+      vUserHandles[i] = pVtx;
       vNewVertices.push_back(pVtx);
-    } else {
-      vUserHandles[keyIndex.second] = (*it)->pVtx;
+      vAdd.push_back({key, pVtx});
+      first = last;
+      continue;
     }
+    // Positions k of the group in coordinate order (input order among
+    // equals); vKind[k - first]: -1 a new vertex, -2 a stored one, else the
+    // position of the earlier equal point whose vertex it shares.
+    vGroup.clear();
+    for (size_t k = first; k < last; ++k) vGroup.push_back(k);
+    const auto pointAt = [&](size_t k) -> const Point3& { return vPoints[vKeys[k].second]; };
+    std::sort(vGroup.begin(), vGroup.end(), [&](size_t a, size_t b) {
+      return pointAt(a) < pointAt(b) || (!(pointAt(b) < pointAt(a)) && a < b);
+    });
+    vKind.assign(last - first, -1);
+    auto stored = existing;
+    size_t runFirst = n;
+    for (size_t k : vGroup) {
+      const Point3& p = pointAt(k);
+      while (stored != vSorted.end() && stored->idx == key && *stored->pVtx < p) ++stored;
+      if (stored != vSorted.end() && stored->idx == key && !(p < *stored->pVtx)) {
+        vUserHandles[vKeys[k].second] = stored->pVtx;
+        vKind[k - first] = -2;
+      } else if (runFirst != n && !(pointAt(runFirst) < p)) {
+        vKind[k - first] = static_cast<long>(runFirst);
+      } else {
+        runFirst = k;
+      }
+    }
+    for (size_t k = first; k < last; ++k) {
+      const long kind = vKind[k - first];
+      const unsigned long i = vKeys[k].second;
+      if (kind == -1) {
+        Point3* pVtx = pointPool.nextObject();
+        pVtx->init(vPoints[i]);
+        vUserHandles[i] = pVtx;
+        vNewVertices.push_back(pVtx);
+      } else if (kind >= 0) {
+        vUserHandles[i] = vUserHandles[vKeys[static_cast<size_t>(kind)].second];
+      }
+    }
+    for (size_t k : vGroup)
+      if (vKind[k - first] == -1) vAdd.push_back({key, vUserHandles[vKeys[k].second]});
+    first = last;
+  }
+  if (vSorted.empty()) {
+    vSorted.swap(vAdd);
+  } else if (!vAdd.empty()) {
+    const size_t numOld = vSorted.size();
+    vSorted.insert(vSorted.end(), vAdd.begin(), vAdd.end());
+    std::inplace_merge(vSorted.begin(), vSorted.begin() + static_cast<long>(numOld), vSorted.end(), lt);
   }
 }
 
 std::pair<Point3*, Tet3*> HC3::addPoint(Point3& p) {
   if (bbox.add(p)) enlarge(0.5, 1.0);
-  IdxVtx* pIv = idxVtxPool.nextObject();
-  pIv->idx = iReset(p);
-  pIv->pVtx = &p;
-  const std::pair<VertexSet::iterator, bool> result = sVertices.insert(pIv);
+  const IdxVtx q{iReset(p), &p};
+  const IdxVtx* pStored = find(q);
   Point3* pVtx;
-  if (result.second) {
+  if (pStored != nullptr) {
+    pVtx = pStored->pVtx;
+  } else {
     pVtx = pointPool.nextObject();
     pVtx->init(p);
-    pIv->pVtx = pVtx;
-  } else {
-    pVtx = (*result.first)->pVtx;
+    sRecent.insert(IdxVtx{q.idx, pVtx});
+    if (sRecent.size() > 4096 + vSorted.size() / 8) mergeRecent();
   }
   if (pVtx->getOneTet() != nullptr) return std::make_pair(pVtx, pVtx->getOneTet());
   // One step along the curve: the preceding vertex, or the following one at
   // the front of the curve.
-  VertexSet::iterator it = result.first;
-  if (it != sVertices.begin()) return std::make_pair(pVtx, (*std::prev(it))->pVtx->getOneTet());
-  ++it;
-  if (it != sVertices.end()) return std::make_pair(pVtx, (*it)->pVtx->getOneTet());
+  const IdxVtx self{q.idx, pVtx};
+  const Func_ltIdxVtx lt;
+  const auto it = std::lower_bound(vSorted.begin(), vSorted.end(), self, lt);
+  const auto itRecent = sRecent.lower_bound(self);
+  const IdxVtx* pPrev = it != vSorted.begin() ? &*std::prev(it) : nullptr;
+  if (itRecent != sRecent.begin() && (pPrev == nullptr || lt(*pPrev, *std::prev(itRecent))))
+    pPrev = &*std::prev(itRecent);
+  if (pPrev != nullptr) return std::make_pair(pVtx, pPrev->pVtx->getOneTet());
+  // pVtx is the first entry: the next one is the first other entry.
+  const auto itNext = (it != vSorted.end() && it->pVtx == pVtx) ? std::next(it) : it;
+  const auto itRecentNext = (itRecent != sRecent.end() && itRecent->pVtx == pVtx) ? std::next(itRecent) : itRecent;
+  const IdxVtx* pNext = itNext != vSorted.end() ? &*itNext : nullptr;
+  if (itRecentNext != sRecent.end() && (pNext == nullptr || lt(*itRecentNext, *pNext))) pNext = &*itRecentNext;
+  if (pNext != nullptr) return std::make_pair(pVtx, pNext->pVtx->getOneTet());
   return std::make_pair(pVtx, static_cast<Tet3*>(nullptr));
 }
 
 void HC3::getVertices(std::vector<Point3*>& v) const {
-  v.reserve(v.size() + sVertices.size());
-  for (const IdxVtx* pIv : sVertices) v.push_back(pIv->pVtx);
+  v.reserve(v.size() + getNumStoredVtx());
+  const Func_ltIdxVtx lt;
+  auto it = vSorted.begin();
+  for (const IdxVtx& recent : sRecent) {
+    for (; it != vSorted.end() && lt(*it, recent); ++it) v.push_back(it->pVtx);
+    v.push_back(recent.pVtx);
+  }
+  for (; it != vSorted.end(); ++it) v.push_back(it->pVtx);
 }
 
 void HC3::checkQ() {
+  mergeRecent();
   double coordMin = 1.7976931348623157e308;
   double coordMax = 2.2250738585072014e-308;
   std::map<unsigned int, int> mKeyCount;
   double sum = 0.0, maxDist = 0.0;
   const Point3* pPrev = nullptr;
-  for (const IdxVtx* pIv : sVertices) {
-    const Point3* p = pIv->pVtx;
+  for (const IdxVtx& iv : vSorted) {
+    const Point3* p = iv.pVtx;
     const double c[3] = {p->x(), p->y(), p->z()};
     for (double v : c) {
       if (coordMin > v)
@@ -190,7 +271,7 @@ void HC3::checkQ() {
       else if (v > coordMax)
         coordMax = v;
     }
-    ++mKeyCount[pIv->idx];
+    ++mKeyCount[iv.idx];
     if (pPrev != nullptr) {
       const double dx = p->x() - pPrev->x(), dy = p->y() - pPrev->y(), dz = p->z() - pPrev->z();
       const double d = std::sqrt(dx * dx + dy * dy + dz * dz);
@@ -199,7 +280,7 @@ void HC3::checkQ() {
     }
     pPrev = p;
   }
-  const double numStored = static_cast<double>(sVertices.size());
+  const double numStored = static_cast<double>(vSorted.size());
   std::cout << "Points: coordMin=" << coordMin << ", coordMax=" << coordMax << std::endl;
   std::cout << std::endl;
   const int bins = static_cast<int>(std::pow(2.0, static_cast<double>(numBits)));
@@ -217,18 +298,28 @@ void HC3::checkQ() {
   std::cout << std::endl;
 }
 
+// The first vertex with a tetrahedron from the query's key on along the
+// curve, else the last one before it.
 Tet3* HC3::getCloseTet(Point3* pQuery) {
-  static IdxVtx queryDummy = {0, nullptr};
-  queryDummy.idx = iReset(*pQuery);
-  const VertexSet::iterator start = sVertices.lower_bound(&queryDummy);
-  for (VertexSet::iterator it = start; it != sVertices.end(); ++it) {
-    Point3* pVtx = (*it)->pVtx;
+  const IdxVtx query{iReset(*pQuery), nullptr};
+  const Func_ltIdxVtx lt;
+  const auto start = std::lower_bound(vSorted.begin(), vSorted.end(), query, lt);
+  const auto startRecent = sRecent.lower_bound(query);
+  auto it = start;
+  auto itRecent = startRecent;
+  while (it != vSorted.end() || itRecent != sRecent.end()) {
+    const bool bRecent = it == vSorted.end() || (itRecent != sRecent.end() && lt(*itRecent, *it));
+    Point3* pVtx = bRecent ? (itRecent++)->pVtx : (it++)->pVtx;
     VELM_ASSERT(pVtx!=NULL);
     if (pVtx->getOneTet() != nullptr) return pVtx->getOneTet();
   }
-  for (VertexSet::iterator it = start; it != sVertices.begin();) {
-    --it;
-    if ((*it)->pVtx->getOneTet() != nullptr) return (*it)->pVtx->getOneTet();
+  it = start;
+  itRecent = startRecent;
+  while (it != vSorted.begin() || itRecent != sRecent.begin()) {
+    const bool bRecent =
+        it == vSorted.begin() || (itRecent != sRecent.begin() && lt(*std::prev(it), *std::prev(itRecent)));
+    Point3* pVtx = bRecent ? (--itRecent)->pVtx : (--it)->pVtx;
+    if (pVtx->getOneTet() != nullptr) return pVtx->getOneTet();
   }
   return nullptr;
 }

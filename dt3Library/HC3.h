@@ -11,13 +11,12 @@
 // level compare against half the x extent; that is the store's defined key
 // function, and the insertion order rests on it.
 //
-// Invariants between calls: sVertices holds one IdxVtx per stored vertex,
-// ordered by (key, coordinates); every key was computed in the frame of the
-// last reconfig; a stored vertex never moves and is never removed.
+// Invariants between calls: vSorted and sRecent together hold one IdxVtx per
+// stored vertex, each ordered by (key, coordinates); every key was computed
+// in the frame of the last reconfig; a stored vertex never moves and is never
+// removed.
 #pragma once
 
-#include <cstdlib>
-#include <new>
 #include <set>
 #include <utility>
 #include <vector>
@@ -38,80 +37,15 @@ struct IdxVtx {
 // Order of the store: by key; within a key a null vertex first (the form of
 // a query), then by coordinates. Equal key and equal coordinates are the
 // definition of a duplicate.
-struct Func_ltIdxVtxPtr {
-  bool operator()(const IdxVtx* a, const IdxVtx* b) const {
-    if (a->idx != b->idx) return a->idx < b->idx;
-    if (a->pVtx == nullptr) return b->pVtx != nullptr;
-    return b->pVtx != nullptr && *a->pVtx < *b->pVtx;
+struct Func_ltIdxVtx {
+  bool operator()(const IdxVtx& a, const IdxVtx& b) const {
+    if (a.idx != b.idx) return a.idx < b.idx;
+    if (a.pVtx == nullptr) return b.pVtx != nullptr;
+    return b.pVtx != nullptr && *a.pVtx < *b.pVtx;
   }
 };
 
 extern double sumDist;
-
-// Hands out the nodes of the store's ordered set from large blocks instead of
-// one heap allocation each, and keeps returned nodes for reuse (reconfig
-// empties and refills the set). All nodes of one set have one size.
-class SetNodeArena {
-public:
-  SetNodeArena() : pFree(nullptr), pCur(nullptr), numLeft(0), nodeSize(0) {}
-  ~SetNodeArena() {
-    for (void* pBlock : vBlocks) free(pBlock);
-  }
-  SetNodeArena(const SetNodeArena&) = delete;
-  SetNodeArena& operator=(const SetNodeArena&) = delete;
-
-  void* allocate(size_t bytes) {
-    if (pFree != nullptr) {
-      void* p = pFree;
-      pFree = *static_cast<void**>(p);
-      return p;
-    }
-    if (numLeft == 0) {
-      nodeSize = bytes < sizeof(void*) ? sizeof(void*) : bytes;
-      const size_t numNodes = vBlocks.empty() ? 256 : 65536;
-      pCur = static_cast<char*>(malloc(numNodes * nodeSize));
-      if (pCur == nullptr) throw std::bad_alloc();
-      vBlocks.push_back(pCur);
-      numLeft = numNodes;
-    }
-    void* p = pCur;
-    pCur += nodeSize;
-    --numLeft;
-    return p;
-  }
-  void deallocate(void* p) {
-    *static_cast<void**>(p) = pFree;
-    pFree = p;
-  }
-
-private:
-  std::vector<void*> vBlocks;
-  void* pFree;
-  char* pCur;
-  size_t numLeft;
-  size_t nodeSize;
-};
-
-template <class T> class SetNodeAllocator {
-public:
-  typedef T value_type;
-  explicit SetNodeAllocator(SetNodeArena* pArena_) : pArena(pArena_) {}
-  template <class U> SetNodeAllocator(const SetNodeAllocator<U>& other) : pArena(other.pArena) {}
-  T* allocate(size_t n) {
-    if (n != 1) return static_cast<T*>(::operator new(n * sizeof(T)));
-    return static_cast<T*>(pArena->allocate(sizeof(T)));
-  }
-  void deallocate(T* p, size_t n) {
-    if (n != 1)
-      ::operator delete(p);
-    else
-      pArena->deallocate(p);
-  }
-  template <class U> bool operator==(const SetNodeAllocator<U>& other) const { return pArena == other.pArena; }
-  template <class U> bool operator!=(const SetNodeAllocator<U>& other) const { return pArena != other.pArena; }
-
-  SetNodeArena* pArena;
-};
 
 class HC3 {
 public:
@@ -125,7 +59,7 @@ public:
                  std::vector<Point3*>& vNewVertices);
   std::pair<Point3*, Tet3*> addPoint(Point3& p);
   void getVertices(std::vector<Point3*>& v) const;
-  unsigned long getNumStoredVtx() const { return sVertices.size(); }
+  unsigned long getNumStoredVtx() const { return vSorted.size() + sRecent.size(); }
   void checkQ();
 
   Tet3* getCloseTet(Point3* pQuery);
@@ -138,7 +72,10 @@ public:
   static const int nextS[8][12];
 
 private:
-  typedef std::set<IdxVtx*, Func_ltIdxVtxPtr, SetNodeAllocator<IdxVtx*>> VertexSet;
+  // Moves the entries of sRecent into vSorted.
+  void mergeRecent();
+  // The stored entry equal to q (same key, same coordinates), or null.
+  const IdxVtx* find(const IdxVtx& q) const;
 
   void enlarge(double factor, double secondFactor);
 
@@ -155,10 +92,12 @@ private:
   double lenX, lenY, lenZ;
   bool bConfigured;
   BRIX_TOOLS::SimplePool<Point3> pointPool;
-  BRIX_TOOLS::SimplePool<IdxVtx> idxVtxPool;
-  std::vector<void*> vSpare;
-  SetNodeArena setNodeArena;
-  VertexSet sVertices;
+  // The curve order is vSorted and sRecent together, each ordered by
+  // Func_ltIdxVtx: a flat array filled by the bulk insertion (no node per
+  // vertex, no pointer chase), and a small ordered set that takes single
+  // insertions until it grows past an eighth of the array and is merged in.
+  std::vector<IdxVtx> vSorted;
+  std::set<IdxVtx, Func_ltIdxVtx> sRecent;
 
   static bool bFirstEnlarge;
 };
