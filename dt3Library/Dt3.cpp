@@ -87,17 +87,18 @@ void Dt3::insertVector(std::vector<Point3>& vPoints, std::vector<Point3*>& vUser
   if (bFullDimensional) {
     // A batch of points that are all stored already brings nothing new.
     if (vNewVertices.empty()) return;
-    triangulate(vNewVertices, hc3.getCloseTet(vNewVertices[0]));
+    triangulateList(vNewVertices, hc3.getCloseTet(vNewVertices[0]), true);
     return;
   }
   Tet3* pFirstTet = createInitialTet();
   if (pFirstTet == nullptr) return;
   if (hc3.getNumStoredVtx() == n) {
-    triangulate(vNewVertices, pFirstTet);
+    triangulateList(vNewVertices, pFirstTet, true);
   } else {
     std::vector<Point3*> vAll;
     hc3.getVertices(vAll);
-    triangulate(vAll, pFirstTet);
+    std::vector<Point3*>().swap(vNewVertices);
+    triangulateList(vAll, pFirstTet, true);
   }
 }
 
@@ -175,21 +176,41 @@ Tet3* Dt3::createInitialTet() {
 // ---------------------------------------------------------------------------
 // Insertion driver.
 
-void getLevelsRec(std::vector<Point3*>& vVertices, unsigned long first, unsigned long last, int level,
-                  int maxLevel, std::vector<std::vector<Point3*>>& vvLevels) {
+namespace {
+
+// The split of [first, last) into levels: the middle element on this level,
+// the halves on the next ones; below maxLevel nothing is split any more.
+// sink(level, i) receives the elements.
+template <class Sink>
+void splitLevels(unsigned long first, unsigned long last, int level, int maxLevel, const Sink& sink) {
   if (last - first < 2 || level >= maxLevel) {
-    for (unsigned long i = first; i < last; ++i) vvLevels[level].push_back(vVertices[i]);
+    for (unsigned long i = first; i < last; ++i) sink(level, i);
     return;
   }
   const unsigned long mid = first + (last - first) / 2;
-  vvLevels[level].push_back(vVertices[mid]);
-  getLevelsRec(vVertices, first, mid, level + 1, maxLevel, vvLevels);
-  getLevelsRec(vVertices, mid + 1, last, level + 1, maxLevel, vvLevels);
+  sink(level, mid);
+  splitLevels(first, mid, level + 1, maxLevel, sink);
+  splitLevels(mid + 1, last, level + 1, maxLevel, sink);
+}
+
+} // namespace
+
+void getLevelsRec(std::vector<Point3*>& vVertices, unsigned long first, unsigned long last, int level,
+                  int maxLevel, std::vector<std::vector<Point3*>>& vvLevels) {
+  splitLevels(first, last, level, maxLevel,
+              [&](int k, unsigned long i) { vvLevels[k].push_back(vVertices[i]); });
+}
+
+void Dt3::triangulate(std::vector<Point3*>& vVertices, Tet3* pLastTet) {
+  triangulateList(vVertices, pLastTet, false);
 }
 
 // Inserts in levels of increasing fineness over the curve-ordered list; each
 // level is walked in the direction that starts where the previous one ended.
-void Dt3::triangulate(std::vector<Point3*>& vVertices, Tet3* pLastTet) {
+// The levels are sized exactly, and a list of the intake's own (bConsume) is
+// released once they hold it: the memory of a large insertion peaks at its
+// end, with the most tetrahedra.
+void Dt3::triangulateList(std::vector<Point3*>& vVertices, Tet3* pLastTet, bool bConsume) {
   if (pLastTet == nullptr) {
     goToHell("pLastTet==NULL in Dt3::triangulate");
     return;
@@ -204,7 +225,11 @@ void Dt3::triangulate(std::vector<Point3*>& vVertices, Tet3* pLastTet) {
   const int numLevels =
       std::max(static_cast<int>(std::ceil(std::log(static_cast<double>(n)) / 0.6931471805599453)) - 4, 0);
   std::vector<std::vector<Point3*>> vvLevels(numLevels + 1);
+  std::vector<unsigned long> vLevelSizes(numLevels + 1, 0);
+  splitLevels(0, n, 0, numLevels, [&](int k, unsigned long) { ++vLevelSizes[k]; });
+  for (int k = 0; k <= numLevels; ++k) vvLevels[k].reserve(vLevelSizes[k]);
   getLevelsRec(vVertices, 0, n, 0, numLevels, vvLevels);
+  if (bConsume) std::vector<Point3*>().swap(vVertices);
 
   // A report between two insertions finds the mesh complete for the
   // vertices inserted so far, so that stopping there is safe.

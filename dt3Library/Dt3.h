@@ -164,6 +164,8 @@ public:
   bool isRegistryEmpty() const;
 
 private:
+  // triangulate; with bConsume, vVertices is released once split into levels.
+  void triangulateList(std::vector<Point3*>& vVertices, Tet3* pLastTet, bool bConsume);
   // Takes a fresh record from the pool (when no retired one is waiting).
   Tet3* newTetFromPool();
 
