@@ -12,14 +12,17 @@
 // ...), up to the byte limit.
 #pragma once
 
-#include <sys/mman.h>
-
-#include <cstdint>
+#include <cstddef>
 #include <cstdlib>
 #include <iostream>
 #include <vector>
 
 namespace BRIX_TOOLS {
+
+// Tells the system how a fresh block of `bytes` bytes at p will be used (see
+// SimplePool.cpp). A hint only: the block is the same memory with or without
+// it. Out of line, so that this header needs no platform header.
+void adviseHugePages(void* p, size_t bytes);
 
 template <class T> class SimplePool {
 public:
@@ -97,17 +100,6 @@ public:
   int getMaxBlockSize() const { return maxBlockSize; }
 
 private:
-  // Large blocks are filled front to back, so transparent huge pages save
-  // most of the page faults of first touch, which dominate the system time
-  // of a large triangulation. A hint only: without it nothing changes.
-  static void adviseHugePages(void* p, size_t bytes) {
-    const uintptr_t hugePage = uintptr_t(1) << 21;
-    if (bytes < 4 * hugePage) return;
-    const uintptr_t lo = (reinterpret_cast<uintptr_t>(p) + hugePage - 1) & ~(hugePage - 1);
-    const uintptr_t hi = (reinterpret_cast<uintptr_t>(p) + bytes) & ~(hugePage - 1);
-    if (hi > lo) madvise(reinterpret_cast<void*>(lo), hi - lo, MADV_HUGEPAGE);
-  }
-
   std::vector<T*> vBlocks;
   std::vector<int> vBlockSizes;
   T* pCurBlock;
