@@ -14,6 +14,7 @@
 #include <set>
 #include <unordered_set>
 
+#include "BrixTest3Inline.h"
 #include "Surface3.h"
 #include "Velm_3D.h"
 #include "Visualizer3.h"
