@@ -135,10 +135,11 @@ private:
   friend class Dt3;
 
   template <bool bFloor>
-  Orientation3 orientationOf(const Point3* a, const Point3* b, const Point3* c,
-                             const Point3* d) const;
-  template <bool bFloor> Orientation3 orientationOfFacet(Tet3* pC, int ith, const Point3* pQ) const;
-  template <bool bFloor> SphereInclusion sphereInclusion(Tet3* pTet, const Point3* pQ) const;
+  inline Orientation3 orientationOf(const Point3* a, const Point3* b, const Point3* c,
+                                    const Point3* d) const;
+  template <bool bFloor>
+  inline Orientation3 orientationOfFacet(Tet3* pC, int ith, const Point3* pQ) const;
+  template <bool bFloor> inline SphereInclusion sphereInclusion(Tet3* pTet, const Point3* pQ) const;
   // What getOrientation3 does when its filter leaves the sign open: 0 at
   // once for a permanent that is exactly 0, else orient3dadapt. Out of line
   // and small, so that the walk's inlined test stays small too.
