@@ -139,8 +139,11 @@ struct CpuTimes {
     rusage ru;
     getrusage(RUSAGE_SELF, &ru);
     CpuTimes t;
-    t.user = static_cast<double>(ru.ru_utime.tv_sec) + 1e-6 * static_cast<double>(ru.ru_utime.tv_usec);
-    t.sys = static_cast<double>(ru.ru_stime.tv_sec) + 1e-6 * static_cast<double>(ru.ru_stime.tv_usec);
+    auto seconds = [](const timeval& tv) {
+      return static_cast<double>(tv.tv_sec) + 1e-6 * static_cast<double>(tv.tv_usec);
+    };
+    t.user = seconds(ru.ru_utime);
+    t.sys = seconds(ru.ru_stime);
     return t;
   }
 };
@@ -585,7 +588,8 @@ int main(int argc, char** argv) {
   const size_t n = vPoints.size();
   const std::string cpu = cpuDescription();
   std::cout << "input: " << n << " points, " << what << "\n";
-  std::cout << "cpu:   " << cpu << ", " << sysconf(_SC_NPROCESSORS_ONLN) << " logical CPUs online\n";
+  std::cout << "cpu:   " << cpu << ", " << sysconf(_SC_NPROCESSORS_ONLN)
+            << " logical CPUs online\n";
   std::cout << "runs:  " << (opt.bFork ? opt.repeat : 1)
             << (opt.bFork ? " per implementation, each in a forked child" : ", in process") << "\n";
 

@@ -74,7 +74,10 @@ if [ "$reportOnly" = 1 ]; then
   . "$scratch/peers.run"
 else
   generator=()
-  if command -v ninja >/dev/null 2>&1 && [ ! -f "$build/CMakeCache.txt" ]; then generator=(-G Ninja); fi
+  # Ninja for a new build directory; an existing one keeps its generator.
+  if command -v ninja >/dev/null 2>&1 && [ ! -f "$build/CMakeCache.txt" ]; then
+    generator=(-G Ninja)
+  fi
   cmake -S "$root" -B "$build" "${generator[@]}" \
     -DCMAKE_BUILD_TYPE=Release \
     -DCMAKE_CXX_FLAGS_RELEASE="-O3 -DNDEBUG" \
@@ -121,8 +124,8 @@ else
       if [ $(( n * bytesPerPoint[$impl] / 1024 )) -gt "$availableKB" ]; then
         leaveOut+=("--no-$impl")
         echo "- ${implName[$impl]} left out of the set of $n points ($*): about" \
-          "$(( n * bytesPerPoint[$impl] >> 30 )) GiB needed, $(( availableKB >> 20 )) GiB available." |
-          tee -a "$notes"
+          "$(( (n * bytesPerPoint[$impl] + (1 << 30) - 1) >> 30 )) GiB needed," \
+          "$(( availableKB >> 20 )) GiB available." | tee -a "$notes"
       fi
     done
     echo
@@ -197,14 +200,17 @@ cpu="${cpu:-a CPU that was not recorded}"
 # implementation.
 for impl in libvelm3d CGAL TetGen; do
   awk -F, -v impl="$impl" 'NR == 1 { for (i = 1; i <= NF; ++i) col[$i] = i; next }
-    $col["set"] == "uniform" && $col["implementation"] == impl { print $col["n"], $col["median_s"] * 1e6 / $col["n"] }' \
+    $col["set"] == "uniform" && $col["implementation"] == impl {
+      print $col["n"], $col["median_s"] * 1e6 / $col["n"]
+    }' \
     "$csv" > "$scratch/series_$impl.dat"
 done
 gnuplot -e "dataDir='$scratch'; outFile='$scratch/time_per_point.png'" "$root/bench/plot_peers.gp"
 
 # The series is complete: it replaces the recorded results.
 for f in peers.csv peers.md peers.run time_per_point.png; do mv -f "$scratch/$f" "$results/$f"; done
-if [ -s "$notes" ]; then mv -f "$notes" "$results/peers.notes"; else rm -f "$results/peers.notes"; fi
+rm -f "$results/peers.notes"
+if [ -s "$notes" ]; then mv -f "$notes" "$results/peers.notes"; fi
 echo
 cat "$results/peers.md"
 echo "plot: $results/time_per_point.png"

@@ -31,7 +31,8 @@ done
 
 tetgenDev() {
   local name
-  name="$(apt-cache search --names-only '^libtet[0-9.]*-dev$' 2>/dev/null | awk '{print $1}' | sort -V | tail -1)"
+  name="$(apt-cache search --names-only '^libtet[0-9.]*-dev$' 2>/dev/null |
+    awk '{print $1}' | sort -V | tail -1)"
   echo "${name:-libtet1.5-dev}"
 }
 
