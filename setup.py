@@ -2,6 +2,7 @@
 # extension, all compiled with the library's floating-point flags. The exact
 # predicates need plain IEEE double arithmetic: no contraction into fused
 # multiply-adds, no unsafe math, SSE2 instead of x87 on x86-64.
+import os
 import platform
 
 from pybind11.setup_helpers import ParallelCompile, Pybind11Extension, build_ext
@@ -18,6 +19,9 @@ LIBRARY_SOURCES = [
 flags = ["-O3", "-Wall", "-Wextra", "-ffp-contract=off", "-fno-fast-math", "-g0"]
 if platform.machine() in ("x86_64", "AMD64"):
     flags += ["-msse2", "-mfpmath=sse"]
+# As the CMake option of the same name: warnings become errors (CI sets it).
+if os.environ.get("VELM3D_WERROR", "").upper() in ("1", "ON", "TRUE", "YES"):
+    flags.append("-Werror")
 
 ParallelCompile("VELM3D_BUILD_JOBS", default=2).install()
 

@@ -6,24 +6,25 @@
 // K x K x K integer grid, N uniform random points on the unit sphere (double
 // coordinates, so nearly but not exactly cospherical), N points of which 10%
 // are exact copies of others, or the points of an XYZ file. All
-// implementations get the same coordinates, and they take turns run by run. Each run happens in a forked child, so that every
-// run starts from the same heap and its peak resident set size (VmHWM) belongs
-// to that run alone. The child resets VmHWM just before it makes the
-// triangulation object (through /proc/self/clear_refs) and reports:
-//   - wall and CPU time (user + system) around the bulk insertion call only;
+// implementations get the same coordinates, and they take turns run by run.
+// Each run happens in a forked child, so that every run starts from the same
+// heap and its peak resident set size (VmHWM) belongs to that run alone. The
+// child resets VmHWM just before it makes the triangulation object (through
+// /proc/self/clear_refs) and reports:
+//   - wall, user and system time around the bulk insertion call only (user
+//     and system time from getrusage of the child itself);
 //   - RSS before construction (input already in memory) and peak RSS;
 //   - the growth, peak minus before, which is what the triangulation costs.
-// With --repeat R every figure is the median of R runs.
+// With --repeat R every figure is the median of R runs. The output names the
+// CPU (model name, family and model from /proc/cpuinfo): figures of one
+// machine name can come from different processors.
 //
-// Usage:
-//   bench_triangulation [--points N] [--seed S] [--grid K] [--sphere N]
-//                       [--dups N] [--xyz FILE] [--repeat R] [--check]
-//                       [--no-cgal] [--no-velm] [--tetgen|--no-tetgen]
-//                       [--no-fork] [--no-count] [--csv FILE] [--label NAME]
+// Usage: bench_triangulation --help (the sets and the options).
 // --csv appends one line per implementation to FILE (a header line first if
-// the file is new): label, N, implementation, median wall and CPU seconds,
-// time ratio to CGAL, peak RSS, its growth during construction, bytes per
-// point, cells, runs, validity check and the load average at start.
+// the file is new): label, N, implementation, median wall, user and system
+// seconds, wall time ratio to CGAL, peak RSS, its growth during
+// construction, bytes per point, cells, runs, validity check, the load
+// average at start and the CPU.
 // TetGen is timed around tetrahedralize() with switches "QNF": quiet, and
 // neither nodes nor hull faces copied out; the tetrahedra are, so its time
 // and memory include that list (16 bytes per tetrahedron).
@@ -37,6 +38,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -95,7 +97,8 @@ struct Options {
 // What one run reports back to the parent through a pipe.
 struct RunResult {
   double seconds = 0.0;
-  double cpuSeconds = 0.0;
+  double userSeconds = 0.0;
+  double sysSeconds = 0.0;
   long numCells = 0;
   long rssBeforeKB = 0;
   long hwmKB = 0;
@@ -124,17 +127,62 @@ bool resetPeakRss() {
   return static_cast<bool>(out);
 }
 
-// User plus system time of this process.
-double cpuSeconds() {
-  rusage ru;
-  getrusage(RUSAGE_SELF, &ru);
-  return static_cast<double>(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) +
-         1e-6 * static_cast<double>(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec);
-}
-
 double nowSeconds() {
   using clk = std::chrono::steady_clock;
   return std::chrono::duration<double>(clk::now().time_since_epoch()).count();
+}
+
+// User and system time of this process so far.
+struct CpuTimes {
+  double user = 0.0, sys = 0.0;
+  static CpuTimes now() {
+    rusage ru;
+    getrusage(RUSAGE_SELF, &ru);
+    CpuTimes t;
+    auto seconds = [](const timeval& tv) {
+      return static_cast<double>(tv.tv_sec) + 1e-6 * static_cast<double>(tv.tv_usec);
+    };
+    t.user = seconds(ru.ru_utime);
+    t.sys = seconds(ru.ru_stime);
+    return t;
+  }
+};
+
+// Wall, user and system time of one call, into r.
+template <class Fn>
+void timeCall(RunResult& r, Fn fn) {
+  const CpuTimes c0 = CpuTimes::now();
+  const double t0 = nowSeconds();
+  fn();
+  r.seconds = nowSeconds() - t0;
+  const CpuTimes c1 = CpuTimes::now();
+  r.userSeconds = c1.user - c0.user;
+  r.sysSeconds = c1.sys - c0.sys;
+}
+
+// The CPU as /proc/cpuinfo names it, e.g. "AMD EPYC (family 25, model 1)":
+// the model name alone does not tell processor generations apart.
+std::string cpuDescription() {
+  std::ifstream in("/proc/cpuinfo");
+  std::string line, name, family, model;
+  auto value = [&line] {
+    const size_t colon = line.find(':');
+    size_t start = colon == std::string::npos ? line.size() : colon + 1;
+    while (start < line.size() && line[start] == ' ') ++start;
+    return line.substr(start);
+  };
+  auto key = [&line](const char* k) {
+    const size_t len = std::strlen(k);
+    return line.compare(0, len, k) == 0 && line.find_first_not_of(" \t", len) == line.find(':');
+  };
+  while (std::getline(in, line) && (name.empty() || family.empty() || model.empty())) {
+    if (name.empty() && key("model name")) name = value();
+    else if (family.empty() && key("cpu family")) family = value();
+    else if (model.empty() && key("model")) model = value();
+  }
+  if (name.empty()) return "unknown CPU";
+  if (family.empty() || model.empty()) return name;
+  return name + " (family " + family + ", model " + model + ")";
 }
 
 RunResult runVelm(const std::vector<Point3>& vInput, bool bCheck, bool bCount) {
@@ -146,14 +194,9 @@ RunResult runVelm(const std::vector<Point3>& vInput, bool bCheck, bool bCount) {
 
   NullBuffer nullBuffer;
   std::streambuf* pOld = std::cout.rdbuf(&nullBuffer);
-  double c0 = cpuSeconds();
-  double t0 = nowSeconds();
-  velm.insert(vPoints);
-  double t1 = nowSeconds();
-  r.cpuSeconds = cpuSeconds() - c0;
+  timeCall(r, [&] { velm.insert(vPoints); });
   std::cout.rdbuf(pOld);
   std::cout.clear();
-  r.seconds = t1 - t0;
   r.hwmKB = readStatusKB("VmHWM");
 
   if (bCount) {
@@ -193,12 +236,7 @@ RunResult runCgal(const std::vector<Point3>& vInput, bool bCheck) {
   resetPeakRss();
   DT triangulation;
 
-  double c0 = cpuSeconds();
-  double t0 = nowSeconds();
-  triangulation.insert(vPoints.begin(), vPoints.end());
-  double t1 = nowSeconds();
-  r.cpuSeconds = cpuSeconds() - c0;
-  r.seconds = t1 - t0;
+  timeCall(r, [&] { triangulation.insert(vPoints.begin(), vPoints.end()); });
   r.hwmKB = readStatusKB("VmHWM");
   r.numCells = static_cast<long>(triangulation.number_of_finite_cells());
   if (bCheck) r.checkResult = triangulation.is_valid(false) ? 1 : 0;
@@ -224,17 +262,12 @@ RunResult runTetgen(const std::vector<Point3>& vInput) {
   resetPeakRss();
   char switches[] = "QNF";
 
-  double c0 = cpuSeconds();
-  double t0 = nowSeconds();
   try {
-    tetrahedralize(switches, &in, &out);
+    timeCall(r, [&] { tetrahedralize(switches, &in, &out); });
   } catch (...) {
     // TetGen built as a library throws its error code.
     return r;
   }
-  double t1 = nowSeconds();
-  r.cpuSeconds = cpuSeconds() - c0;
-  r.seconds = t1 - t0;
   r.hwmKB = readStatusKB("VmHWM");
   r.numCells = out.numberoftetrahedra;
   r.ok = 1;
@@ -290,10 +323,11 @@ T median(std::vector<T> v) {
 struct Summary {
   bool ok = false;
   bool bFailed = false;
-  std::vector<double> vSeconds, vCpu;
+  std::vector<double> vSeconds, vUser, vSys;
   std::vector<long> vBefore, vHwm;
   double seconds = 0.0;
-  double cpu = 0.0;
+  double user = 0.0;
+  double sys = 0.0;
   long numCells = 0;
   long rssBeforeKB = 0;
   long hwmKB = 0;
@@ -306,7 +340,8 @@ struct Summary {
       return;
     }
     vSeconds.push_back(r.seconds);
-    vCpu.push_back(r.cpuSeconds);
+    vUser.push_back(r.userSeconds);
+    vSys.push_back(r.sysSeconds);
     vBefore.push_back(r.rssBeforeKB);
     vHwm.push_back(r.hwmKB);
     numCells = r.numCells;
@@ -316,7 +351,8 @@ struct Summary {
     ok = !bFailed && !vSeconds.empty();
     if (!ok) return;
     seconds = median(vSeconds);
-    cpu = median(vCpu);
+    user = median(vUser);
+    sys = median(vSys);
     rssBeforeKB = median(vBefore);
     hwmKB = median(vHwm);
   }
@@ -335,26 +371,71 @@ void printSummary(const char* name, const char* cellWord, const Summary& s, size
     for (double t : s.vSeconds) std::cout << " " << t;
     std::cout << ")";
   }
-  std::cout << "\n  CPU time (usr+sys)  " << s.cpu << " s\n";
+  std::cout << "\n  user / system time  " << s.user << " s / " << s.sys << " s\n";
   std::cout << "  points per second   " << std::setprecision(0)
             << static_cast<double>(numPoints) / s.seconds << "\n";
   std::cout << "  " << std::left << std::setw(20) << cellWord << std::right << s.numCells << "\n";
-  if (bFork) {
-    std::cout << std::setprecision(1);
-    std::cout << "  RSS before insert   " << s.rssBeforeKB / 1024.0 << " MiB (input in memory)\n";
-    std::cout << "  peak RSS (VmHWM)    " << s.hwmKB / 1024.0 << " MiB\n";
-    std::cout << "  peak - before       " << s.growthKB() / 1024.0 << " MiB = "
-              << s.growthKB() * 1024.0 / static_cast<double>(numPoints) << " bytes/point\n";
-  }
+  std::cout << std::setprecision(1);
+  std::cout << "  RSS before insert   " << s.rssBeforeKB / 1024.0 << " MiB (input in memory"
+            << (bFork ? ")\n" : "; in process, earlier runs' memory too)\n");
+  std::cout << "  peak RSS (VmHWM)    " << s.hwmKB / 1024.0 << " MiB\n";
+  std::cout << "  peak - before       " << s.growthKB() / 1024.0 << " MiB = "
+            << s.growthKB() * 1024.0 / static_cast<double>(numPoints) << " bytes/point\n";
   if (s.checkResult >= 0) {
     std::cout << "  validity check      " << (s.checkResult ? "passed" : "FAILED") << "\n";
   }
 }
 
 const char* const usageText =
-    " [--points N] [--seed S] [--grid K] [--sphere N] [--dups N] [--xyz FILE] [--repeat R]"
-    " [--check] [--no-cgal] [--no-velm] [--tetgen|--no-tetgen] [--no-fork] [--no-count]"
-    " [--csv FILE] [--label NAME]\n";
+    "usage: bench_triangulation [SET] [options]\n"
+    "\n"
+    "SET names the input (a count takes a k or M suffix: 100k, 1M, 10M):\n"
+    "  uniformN   N uniform random points in the unit cube (default uniform1M)\n"
+    "  gridK      the K x K x K integer grid\n"
+    "  sphereN    N uniform random points on the unit sphere (nearly cospherical)\n"
+    "  dupsN      N points, 10% of them exact copies of others\n"
+    "The same sets as options: --points N, --grid K, --sphere N, --dups N; or --xyz FILE.\n"
+    "\n"
+    "Options:\n"
+    "  --seed S       seed of the random sets (default 42)\n"
+    "  --repeat R     R runs per implementation, medians reported (default 1)\n"
+    "  --check        validity check of libvelm3d's and CGAL's results\n"
+    "  --no-velm, --no-cgal, --no-tetgen, --tetgen\n"
+    "                 leave an implementation out (or in)\n"
+    "  --no-fork      run each implementation once in this process (for profilers)\n"
+    "  --no-count     do not read the tetrahedra back (the count shows 0)\n"
+    "  --csv FILE     append one line per implementation to FILE\n"
+    "  --label NAME   the set's name in the CSV\n"
+    "  --help         this text\n";
+
+// A count with an optional k (thousand) or M (million) suffix; 0 if it is
+// not one.
+unsigned long parseCount(const std::string& text) {
+  if (text.empty() || !std::isdigit(static_cast<unsigned char>(text[0]))) return 0;
+  size_t end = 0;
+  unsigned long n = std::stoul(text, &end);
+  const std::string suffix = text.substr(end);
+  if (suffix == "k") n *= 1000;
+  else if (suffix == "M") n *= 1000000;
+  else if (!suffix.empty()) return 0;
+  return n;
+}
+
+// A set name (uniform100k, grid100, sphere100k, dups1M) into the options.
+bool parseSet(const std::string& name, Options& opt) {
+  for (const char* kind : {"uniform", "grid", "sphere", "dups"}) {
+    const size_t len = std::strlen(kind);
+    if (name.compare(0, len, kind) != 0) continue;
+    const unsigned long n = parseCount(name.substr(len));
+    if (n == 0) return false;
+    if (kind[0] == 'u') opt.numPoints = n;
+    else if (kind[0] == 'g') opt.grid = static_cast<int>(n);
+    else if (kind[0] == 's') opt.numSphere = n;
+    else opt.numDups = n;
+    return true;
+  }
+  return false;
+}
 
 bool parseOptions(int argc, char** argv, Options& opt) {
   for (int i = 1; i < argc; ++i) {
@@ -366,6 +447,10 @@ bool parseOptions(int argc, char** argv, Options& opt) {
       }
       return argv[++i];
     };
+    if (a == "--help" || a == "-h") {
+      std::cout << usageText;
+      std::exit(0);
+    }
     if (a == "--points") opt.numPoints = std::strtoul(value("a count"), nullptr, 10);
     else if (a == "--seed") opt.seed = static_cast<unsigned int>(std::strtoul(value("a seed"), nullptr, 10));
     else if (a == "--grid") opt.grid = std::atoi(value("K"));
@@ -382,8 +467,8 @@ bool parseOptions(int argc, char** argv, Options& opt) {
     else if (a == "--no-count") opt.bCount = false;
     else if (a == "--csv") opt.csvFile = value("a file name");
     else if (a == "--label") opt.label = value("a name");
-    else {
-      std::cerr << "usage: " << argv[0] << usageText;
+    else if (a[0] == '-' || !parseSet(a, opt)) {
+      std::cerr << "bench_triangulation: unknown argument '" << a << "'\n\n" << usageText;
       return false;
     }
   }
@@ -436,7 +521,7 @@ void makeWithDuplicates(unsigned long n, unsigned int seed, std::vector<Point3>&
 
 // One CSV line per implementation; a header first when the file is new.
 void appendCsv(const Options& opt, const std::string& label, size_t numPoints, const char* name,
-               const Summary& s, const Summary& cgal, double load) {
+               const Summary& s, const Summary& cgal, double load, const std::string& cpu) {
   if (!s.ok) return;
   bool bNew = false;
   {
@@ -449,16 +534,16 @@ void appendCsv(const Options& opt, const std::string& label, size_t numPoints, c
     return;
   }
   if (bNew)
-    out << "set,n,implementation,median_s,cpu_s,ratio_to_cgal,peak_rss_mib,growth_mib,"
-           "bytes_per_point,cells,runs,check,load\n";
+    out << "set,n,implementation,median_s,user_s,sys_s,ratio_to_cgal,peak_rss_mib,growth_mib,"
+           "bytes_per_point,cells,runs,check,load,cpu\n";
   out << std::fixed << label << "," << numPoints << "," << name << "," << std::setprecision(4)
-      << s.seconds << "," << s.cpu << ",";
+      << s.seconds << "," << s.user << "," << s.sys << ",";
   if (cgal.ok && cgal.seconds > 0) out << std::setprecision(3) << s.seconds / cgal.seconds;
   out << "," << std::setprecision(1) << s.hwmKB / 1024.0 << "," << s.growthKB() / 1024.0 << ","
       << std::setprecision(0) << s.growthKB() * 1024.0 / static_cast<double>(numPoints) << ","
       << s.numCells << "," << s.vSeconds.size() << ","
       << (s.checkResult < 0 ? "" : (s.checkResult ? "passed" : "FAILED")) << ","
-      << std::setprecision(2) << load << "\n";
+      << std::setprecision(2) << load << "," << cpu << "\n";
 }
 
 } // namespace
@@ -501,7 +586,10 @@ int main(int argc, char** argv) {
   if (!opt.label.empty()) label = opt.label;
   std::replace(label.begin(), label.end(), ',', ';'); // one CSV field
   const size_t n = vPoints.size();
+  const std::string cpu = cpuDescription();
   std::cout << "input: " << n << " points, " << what << "\n";
+  std::cout << "cpu:   " << cpu << ", " << sysconf(_SC_NPROCESSORS_ONLN)
+            << " logical CPUs online\n";
   std::cout << "runs:  " << (opt.bFork ? opt.repeat : 1)
             << (opt.bFork ? " per implementation, each in a forked child" : ", in process") << "\n";
 
@@ -556,7 +644,7 @@ int main(int argc, char** argv) {
   auto compare = [&](const char* title, const Summary& s) {
     std::cout << title << "\n" << std::setprecision(2);
     std::cout << "  time ratio          " << s.seconds / cgal.seconds << " (wall), "
-              << s.cpu / cgal.cpu << " (CPU)\n";
+              << (s.user + s.sys) / (cgal.user + cgal.sys) << " (user + system)\n";
     if (opt.bFork && cgal.growthKB() > 0) {
       std::cout << "  memory ratio        " << static_cast<double>(s.growthKB()) / cgal.growthKB()
                 << " (peak - before), " << static_cast<double>(s.hwmKB) / cgal.hwmKB
@@ -574,9 +662,11 @@ int main(int argc, char** argv) {
   if (tetgen.ok && cgal.ok) compare("TetGen/CGAL", tetgen);
 
   if (!opt.csvFile.empty()) {
-    if (opt.bVelm) appendCsv(opt, label, n, "libvelm3d", velm, cgal, load[0]);
-    if (opt.bCgal) appendCsv(opt, label, n, "CGAL", cgal, cgal, load[0]);
-    if (opt.bTetgen) appendCsv(opt, label, n, "TetGen", tetgen, cgal, load[0]);
+    std::string cpuField = cpu;
+    std::replace(cpuField.begin(), cpuField.end(), ',', ';'); // one CSV field
+    if (opt.bVelm) appendCsv(opt, label, n, "libvelm3d", velm, cgal, load[0], cpuField);
+    if (opt.bCgal) appendCsv(opt, label, n, "CGAL", cgal, cgal, load[0], cpuField);
+    if (opt.bTetgen) appendCsv(opt, label, n, "TetGen", tetgen, cgal, load[0], cpuField);
   }
   bool bFailed = (opt.bVelm && !velm.ok) || (opt.bCgal && !cgal.ok) ||
                  (opt.bTetgen && !tetgen.ok) || velm.checkResult == 0 || cgal.checkResult == 0;

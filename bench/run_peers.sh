@@ -2,26 +2,31 @@
 # Speed and memory of libvelm3d against its peers, CGAL's
 # Delaunay_triangulation_3 (Epick, range insertion) and TetGen's Delaunay
 # tetrahedralisation, on the same point sets in the same run:
-#   - uniform random points in the unit cube, a scaling series from 10k to 4M
-#     (its 100k, 1M and 4M sets are the uniform sets of the table);
+#   - uniform random points in the unit cube, a scaling series from 10k to
+#     10M (its 100k, 1M, 4M and 10M sets are the uniform sets of the table);
 #   - a 100^3 integer grid, with the validity check of libvelm3d and CGAL;
 #   - 100k uniform random points on the unit sphere;
 #   - 1M points of which 10% are exact duplicates.
-# Each figure is the median of R runs; the implementations take turns.
+# Each figure is the median of R runs; the implementations take turns. An
+# implementation whose peak memory on a set would not fit in the memory
+# available at that moment is left out of that set, and the table says so
+# (10M points take about 7 GiB for libvelm3d, 6 for CGAL, 9 for TetGen).
 #
-#   bench/run_peers.sh [--quick] [--repeat R] [--max N] [--ten-million]
-#                      [--no-install] [--report-only]
+#   bench/run_peers.sh [--quick] [--repeat R] [--max N] [--no-install]
+#                      [--report-only]
 #
 # --quick       small sets and one run each: a smoke test of the whole chain,
 #               written to build/bench/quick-results instead
 # --max N       leave out the uniform sets above N points
-# --ten-million adds 10M uniform points, libvelm3d alone, one run
-# --report-only writes the table and the plot again from the last CSV
+# --report-only writes the table and the plot again from the recorded CSV
 #
 # Writes bench/results/peers.csv (one line per implementation and set),
-# bench/results/peers.md (the table) and bench/results/time_per_point.png
-# (time per point against N over the scaling series). Needs root for apt-get
-# unless --no-install is given and the packages are there already. Builds in
+# bench/results/peers.md (the table, whose heading names the CPU),
+# bench/results/time_per_point.png (time per point against N over the
+# scaling series) and bench/results/peers.run (how the series was made). A
+# series is written to a scratch directory first and replaces the recorded
+# results only once it is complete. Installs what it needs unless
+# --no-install is given (scripts/install_deps.sh bench). Builds in
 # build/bench under the project root.
 set -euo pipefail
 
@@ -31,8 +36,7 @@ results="$root/bench/results"
 invocation="bash bench/run_peers.sh${*:+ $*}"
 repeat=3
 quick=0
-maxPoints=4000000
-tenMillion=0
+maxPoints=10000000
 install=1
 reportOnly=0
 
@@ -41,37 +45,39 @@ while [ $# -gt 0 ]; do
     --quick) quick=1 ;;
     --repeat) repeat="$2"; shift ;;
     --max) maxPoints="$2"; shift ;;
-    --ten-million) tenMillion=1 ;;
+    --ten-million) echo "(--ten-million: 10M points are part of the series now)" ;;
     --no-install) install=0 ;;
     --report-only) reportOnly=1; install=0 ;;
-    *) echo "usage: $0 [--quick] [--repeat R] [--max N] [--ten-million] [--no-install]" \
-         "[--report-only]" >&2
+    *) echo "usage: $0 [--quick] [--repeat R] [--max N] [--no-install] [--report-only]" >&2
        exit 2 ;;
   esac
   shift
 done
 
-if [ "$install" = 1 ]; then
-  export DEBIAN_FRONTEND=noninteractive
-  apt-get update -q
-  # CGAL and TetGen are the peers; Google Benchmark because the predicate
-  # benchmark in the same directory is configured along with it; gnuplot
-  # draws the plot.
-  tetgenDev="$(apt-cache search --names-only '^libtet[0-9.]*-dev$' | awk '{print $1}' | sort -V | tail -1)"
-  apt-get install -y -q cmake ninja-build g++ libcgal-dev libgmp-dev libmpfr-dev \
-    libboost-dev libbenchmark-dev "${tetgenDev:-libtet1.5-dev}" gnuplot-nox
-fi
+if [ "$install" = 1 ]; then bash "$root/scripts/install_deps.sh" bench; fi
 
 # A smoke run leaves the recorded results alone.
 if [ "$quick" = 1 ]; then results="$build/quick-results"; fi
-mkdir -p "$results"
-csv="$results/peers.csv"
+mkdir -p "$results" "$build"
+# The new files are made here and moved over the recorded ones at the end.
+scratch="$(mktemp -d "$build/peers-new.XXXXXX")"
+trap 'rm -rf "$scratch"' EXIT
+csv="$scratch/peers.csv"
+notes="$scratch/peers.notes"
+: > "$notes"
+
 if [ "$reportOnly" = 1 ]; then
+  cp "$results/peers.csv" "$csv"
+  cp "$results/peers.run" "$scratch/peers.run"
+  [ -f "$results/peers.notes" ] && cp "$results/peers.notes" "$notes"
   # shellcheck source=/dev/null
-  . "$results/peers.run"
+  . "$scratch/peers.run"
 else
   generator=()
-  if command -v ninja >/dev/null 2>&1; then generator=(-G Ninja); fi
+  # Ninja for a new build directory; an existing one keeps its generator.
+  if command -v ninja >/dev/null 2>&1 && [ ! -f "$build/CMakeCache.txt" ]; then
+    generator=(-G Ninja)
+  fi
   cmake -S "$root" -B "$build" "${generator[@]}" \
     -DCMAKE_BUILD_TYPE=Release \
     -DCMAKE_CXX_FLAGS_RELEASE="-O3 -DNDEBUG" \
@@ -87,7 +93,7 @@ else
     dups=100000
   else
     series=()
-    for n in 10000 30000 100000 300000 1000000 2000000 4000000; do
+    for n in 10000 30000 100000 300000 1000000 2000000 4000000 10000000; do
       if [ "$n" -le "$maxPoints" ]; then series+=("$n"); fi
     done
     grid=100
@@ -95,60 +101,91 @@ else
     dups=1000000
   fi
 
-  rm -f "$csv"
   loadAtStart="$(cut -d' ' -f1-3 /proc/loadavg)"
   started="$(date -u '+%Y-%m-%d %H:%M UTC')"
+  # The CPU as the benchmark names it (model name, family and model).
+  cpu="$("$bin" --points 4 --no-cgal --no-tetgen --no-fork |
+    sed -n 's/^cpu: *//; s/, [0-9]* logical CPUs online$//p')"
   # What the table's heading says about this run, kept for --report-only.
-  printf 'invocation=%q\nstarted=%q\nloadAtStart=%q\nrepeat=%q\n' \
-    "$invocation" "$started" "$loadAtStart" "$repeat" > "$results/peers.run"
+  printf 'invocation=%q\nstarted=%q\nloadAtStart=%q\nrepeat=%q\ncpu=%q\n' \
+    "$invocation" "$started" "$loadAtStart" "$repeat" "$cpu" > "$scratch/peers.run"
 
+  # Peak bytes per point of each implementation on uniform points, with the
+  # input and some room: an implementation is left out of a set whose
+  # estimate exceeds the memory available when the set starts.
+  declare -A bytesPerPoint=([velm]=800 [cgal]=700 [tetgen]=1000)
+  declare -A implName=([velm]=libvelm3d [cgal]=CGAL [tetgen]=TetGen)
   run() {
+    local n="$1"
+    shift
+    local leaveOut=() availableKB
+    availableKB="$(awk '/^MemAvailable:/ { print $2 }' /proc/meminfo)"
+    for impl in velm cgal tetgen; do
+      if [ $(( n * bytesPerPoint[$impl] / 1024 )) -gt "$availableKB" ]; then
+        leaveOut+=("--no-$impl")
+        echo "- ${implName[$impl]} left out of the set of $n points ($*): about" \
+          "$(( (n * bytesPerPoint[$impl] + (1 << 30) - 1) >> 30 )) GiB needed," \
+          "$(( availableKB >> 20 )) GiB available." | tee -a "$notes"
+      fi
+    done
     echo
     echo "== $* =="
     # A failed run (or a failed check) is reported in the table by its absence
     # or its check column; the series goes on.
-    "$bin" --repeat "$repeat" --csv "$csv" "$@" || echo "(exit status $?)"
+    "$bin" --repeat "$repeat" --csv "$csv" "$@" "${leaveOut[@]}" || echo "(exit status $?)"
   }
 
-  for n in "${series[@]}"; do run --points "$n"; done
-  run --grid "$grid" --check
-  run --sphere "$sphere"
-  run --dups "$dups"
-  if [ "$tenMillion" = 1 ]; then
-    "$bin" --points 10000000 --repeat 1 --no-cgal --no-tetgen --csv "$csv" --label "uniform (libvelm3d alone)" \
-      || echo "(exit status $?)"
-  fi
+  for n in "${series[@]}"; do run "$n" --points "$n"; done
+  run $((grid * grid * grid)) --grid "$grid" --check
+  run "$sphere" --sphere "$sphere"
+  run "$dups" --dups "$dups"
 fi
 
-# The table.
-cpu="$(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ *//')"
+# The table. Columns are found by their names in the CSV's header line, so
+# that a CSV of an older layout (without user and system time) still reads.
+cpu="${cpu:-a CPU that was not recorded}"
 {
-  echo "# libvelm3d, CGAL and TetGen: construction time and memory"
+  echo "# libvelm3d, CGAL and TetGen: construction time and memory on $cpu"
   echo
   echo "Produced by \`$invocation\` on $started:"
-  echo "$(nproc) cores ($cpu), load average at start $loadAtStart; median of $repeat run(s),"
+  echo "$cpu, $(nproc) cores, load average at start $loadAtStart; median of $repeat run(s),"
   echo "one thread, implementations taking turns on the same points, each run in its own process."
   echo
-  echo "Time is the wall time of the bulk construction call alone: \`Velm_3D::insert(vector)\`,"
+  echo "Time is the time of the bulk construction call alone: \`Velm_3D::insert(vector)\`,"
   echo "CGAL's range \`insert\`, TetGen's \`tetrahedralize\` with \"QNF\" (which includes copying"
-  echo "its tetrahedra out). Peak MiB is the peak resident set of the run (VmHWM, input"
-  echo "included); bytes/point is the growth of the peak during construction over the input"
-  echo "size, that is what the triangulation costs."
+  echo "its tetrahedra out): wall time, and the user and system time of the process that ran"
+  echo "it. Peak MiB is the peak resident set of the run (VmHWM, input included); bytes/point"
+  echo "is the growth of the peak during construction over the input size, that is what the"
+  echo "triangulation costs."
+  if [ -s "$notes" ]; then
+    echo
+    cat "$notes"
+  fi
   echo
-  echo "| set | N | implementation | median s | ratio to CGAL | peak MiB | bytes/point | tetrahedra | check |"
-  echo "|---|---:|---|---:|---:|---:|---:|---:|---|"
-  awk -F, 'NR > 1 {
-      printf "| %s | %d | %s | %.3f | %s | %.1f | %d | %d | %s |\n",
-        $1, $2, $3, $4, ($6 == "" ? "-" : sprintf("%.2f", $6)), $7, $9, $10, ($12 == "" ? "-" : $12)
+  echo "| set | N | implementation | wall s | user s | sys s | ratio to CGAL | peak MiB | bytes/point | tetrahedra | check |"
+  echo "|---|---:|---|---:|---:|---:|---:|---:|---:|---:|---|"
+  awk -F, 'NR == 1 { for (i = 1; i <= NF; ++i) col[$i] = i; next }
+    function field(name, format) {
+      if (!(name in col) || $col[name] == "") return "-"
+      return format == "" ? $col[name] : sprintf(format, $col[name])
+    }
+    {
+      printf "| %s | %d | %s | %s | %s | %s | %s | %s | %s | %s | %s |\n",
+        $col["set"], $col["n"], $col["implementation"], field("median_s", "%.3f"),
+        field("user_s", "%.3f"), field("sys_s", "%.3f"), field("ratio_to_cgal", "%.2f"),
+        field("peak_rss_mib", "%.1f"), field("bytes_per_point", "%d"), field("cells", "%d"),
+        field("check", "")
     }' "$csv"
   echo
-  echo "Time per point over the uniform series, in microseconds (the plot's data):"
+  echo "Time per point over the uniform series, in microseconds of wall time (the plot's data):"
   echo
   echo "| N | libvelm3d | CGAL | TetGen |"
   echo "|---:|---:|---:|---:|"
-  awk -F, 'NR > 1 && $1 == "uniform" {
-      if (!($2 in seen)) { seen[$2] = 1; order[++count] = $2 }
-      us[$2, $3] = sprintf("%.2f", $4 * 1e6 / $2)
+  awk -F, 'NR == 1 { for (i = 1; i <= NF; ++i) col[$i] = i; next }
+    $col["set"] == "uniform" {
+      n = $col["n"]
+      if (!(n in seen)) { seen[n] = 1; order[++count] = n }
+      us[n, $col["implementation"]] = sprintf("%.2f", $col["median_s"] * 1e6 / n)
     }
     END {
       for (i = 1; i <= count; ++i) {
@@ -157,16 +194,23 @@ cpu="$(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ *//')"
           ((n, "CGAL") in us ? us[n, "CGAL"] : "-"), ((n, "TetGen") in us ? us[n, "TetGen"] : "-")
       }
     }' "$csv"
-} > "$results/peers.md"
-echo
-cat "$results/peers.md"
+} > "$scratch/peers.md"
 
 # The plot: time per point over the uniform series, one line per
 # implementation.
-mkdir -p "$build"
 for impl in libvelm3d CGAL TetGen; do
-  awk -F, -v impl="$impl" 'NR > 1 && $1 == "uniform" && $3 == impl { print $2, $4 * 1e6 / $2 }' \
-    "$csv" > "$build/series_$impl.dat"
+  awk -F, -v impl="$impl" 'NR == 1 { for (i = 1; i <= NF; ++i) col[$i] = i; next }
+    $col["set"] == "uniform" && $col["implementation"] == impl {
+      print $col["n"], $col["median_s"] * 1e6 / $col["n"]
+    }' \
+    "$csv" > "$scratch/series_$impl.dat"
 done
-gnuplot -e "dataDir='$build'; outFile='$results/time_per_point.png'" "$root/bench/plot_peers.gp"
+gnuplot -e "dataDir='$scratch'; outFile='$scratch/time_per_point.png'" "$root/bench/plot_peers.gp"
+
+# The series is complete: it replaces the recorded results.
+for f in peers.csv peers.md peers.run time_per_point.png; do mv -f "$scratch/$f" "$results/$f"; done
+rm -f "$results/peers.notes"
+if [ -s "$notes" ]; then mv -f "$notes" "$results/peers.notes"; fi
+echo
+cat "$results/peers.md"
 echo "plot: $results/time_per_point.png"

@@ -14,7 +14,7 @@
 // when e is inside the sphere of a, b, c, d (orient3d > 0). The adaptive and
 // exact sphere stages answer classes: 1 positive, 0 negative, 2 zero. A Tet3
 // is POSITIVE in getOrientation3, so a negative orient3d; INSIDE is a negative insphere.
-#include "BrixTest3.h"
+#include "BrixTest3Inline.h"
 
 #include <algorithm>
 #include <climits>
@@ -428,7 +428,7 @@ namespace {
 constexpr int kRangeLowExp = -159, kRangeHighExp = 198; // ilogb of the ends
 
 // Whether the n values are 0 or of magnitude in [2^-159, 2^199).
-inline bool inPublishedRange(const double* v, int n) { return ExactTest::allWithin(v, n, 0x1p-159); }
+inline bool inPublishedRange(const double* v, int n) { return kernels::allWithin(v, n, 0x1p-159); }
 
 // Signed integers of up to kCapacity 32-bit limbs, magnitude and sign, on
 // the stack. Enough for the sphere test's five-fold products of 2099-bit
@@ -643,11 +643,11 @@ double anyRangeSign(const ExactTest& t, PredicateKind kind, double* const* pts) 
     case ORIENT3D: value = t.orient3d(p[0], p[1], p[2], p[3]); break;
     default: {
       double det, permanent, floor;
-      ExactTest::insphereFilter(p[0], p[1], p[2], p[3], p[4], det, permanent, floor);
+      kernels::insphereFilter(p[0], p[1], p[2], p[3], p[4], det, permanent, floor);
       // In the range a zero permanent is an exact zero determinant, which
       // insphereadapt's first stage would answer with class 1.
       if (permanent == 0.0) return 0.0;
-      if (!ExactTest::filterDecides(det, t.isperrboundA * permanent + floor)) {
+      if (!kernels::filterDecides(det, t.isperrboundA * permanent + floor)) {
         const unsigned int cls = t.insphereadapt(p[0], p[1], p[2], p[3], p[4], permanent);
         det = cls == 1u ? 1.0 : (cls == 0u ? -1.0 : 0.0);
       }
@@ -666,14 +666,15 @@ double anyRangeSign(const ExactTest& t, PredicateKind kind, double* const* pts) 
       for (int j = 0; j < 3; ++j) rounded[i][j] = std::ldexp(pts[i][j], 99 - highExp);
     double det, permanent, floor;
     if (kind == ORIENT3D) {
-      ExactTest::orient3dFilter(rounded[0], rounded[1], rounded[2], rounded[3], det, permanent, floor);
+      kernels::orient3dFilter(rounded[0], rounded[1], rounded[2], rounded[3], det, permanent,
+                              floor);
       floor += t.o3derrboundA * permanent;
     } else {
-      ExactTest::insphereFilter(rounded[0], rounded[1], rounded[2], rounded[3], rounded[4], det,
+      kernels::insphereFilter(rounded[0], rounded[1], rounded[2], rounded[3], rounded[4], det,
                                 permanent, floor);
       floor += t.isperrboundA * permanent;
     }
-    if (ExactTest::filterDecides(det, floor + 0x1p-600)) return det > 0.0 ? 1.0 : -1.0;
+    if (kernels::filterDecides(det, floor + 0x1p-600)) return det > 0.0 ? 1.0 : -1.0;
   }
 
   ExactInteger d[12];
@@ -1071,7 +1072,7 @@ double ExactTest::incircle(double* pa, double* pb, double* pc, double* pd) const
   // products through a lift, six squares through a minor, three last ones.
   const double maxLift = std::max(std::max(alift, blift), clift);
   const double errbound = iccerrboundA * permanent + (maxLift + 1.0) * 0x1p-1000;
-  if (filterDecides(det, errbound)) return det;
+  if (kernels::filterDecides(det, errbound)) return det;
   return incircleadapt(pa, pb, pc, pd, permanent);
 }
 
@@ -1266,8 +1267,8 @@ double ExactTest::orient3dUndecided(double* pa, double* pb, double* pc, double* 
 
 double ExactTest::orient3d(double* pa, double* pb, double* pc, double* pd) const {
   double det, permanent, floor;
-  orient3dFilter(pa, pb, pc, pd, det, permanent, floor);
-  if (filterDecides(det, o3derrboundA * permanent + floor)) return det;
+  kernels::orient3dFilter(pa, pb, pc, pd, det, permanent, floor);
+  if (kernels::filterDecides(det, o3derrboundA * permanent + floor)) return det;
   return orient3dUndecided(pa, pb, pc, pd, permanent);
 }
 
@@ -1277,7 +1278,7 @@ double ExactTest::orient3d(double* pa, double* pb, double* pc, double* pd) const
 double inspherefast(double* pa, double* pb, double* pc, double* pd, double* pe) {
   // The filter's determinant is the plain one; its permanent is not needed.
   double det, permanent, floor;
-  ExactTest::insphereFilter(pa, pb, pc, pd, pe, det, permanent, floor);
+  kernels::insphereFilter(pa, pb, pc, pd, pe, det, permanent, floor);
   return det;
 }
 
@@ -1562,7 +1563,7 @@ unsigned int ExactTest::insphereadapt(double* pa, double* pb, double* pc, double
   const double heads[12] = {aex, bex, cex, dex, aey, bey, cey, dey, aez, bez, cez, dez};
   if (bExactDifferences && permanent < 9007199254740992.0 && allSmallIntegers(heads, 12)) {
     double plainDet, plainPermanent, plainFloor;
-    insphereFilterFastest(pa, pb, pc, pd, pe, plainDet, plainPermanent, plainFloor);
+    kernels::insphereFilterFastest(pa, pb, pc, pd, pe, plainDet, plainPermanent, plainFloor);
     return signClass(plainDet);
   }
   const double tails[12] = {aextail, bextail, cextail, dextail, aeytail, beytail,
@@ -1663,10 +1664,61 @@ unsigned int ExactTest::insphereadapt(double* pa, double* pb, double* pc, double
 
 double ExactTest::insphere(double* pa, double* pb, double* pc, double* pd, double* pe) const {
   double det, permanent, floor;
-  insphereFilter(pa, pb, pc, pd, pe, det, permanent, floor);
-  if (filterDecides(det, isperrboundA * permanent + floor)) return det;
+  kernels::insphereFilter(pa, pb, pc, pd, pe, det, permanent, floor);
+  if (kernels::filterDecides(det, isperrboundA * permanent + floor)) return det;
   // The adaptive path answers a class (1, 0 or 2), not a signed value.
   return static_cast<double>(insphereadapt(pa, pb, pc, pd, pe, permanent));
+}
+
+// ---------------------------------------------------------------------------
+// The public entries of the two tests and of the filters. They are defined
+// here, out of line, so that they run with this file's floating-point flags
+// whatever flags the caller compiles with; each is the inline form of
+// BrixTest3Inline.h, which the insertion calls directly.
+
+Orientation3 ExactTest::getOrientation3(const Point3* a, const Point3* b, const Point3* c,
+                                        const Point3* d) const {
+  return orientationOf<true>(a, b, c, d);
+}
+Orientation3 ExactTest::getOrientation3(Tet3* pC, int ith, const Point3* pQ) const {
+  return orientationOfFacet<true>(pC, ith, pQ);
+}
+Orientation3 ExactTest::getOrientation3InRange(Tet3* pC, int ith, const Point3* pQ) const {
+  return orientationOfFacet<false>(pC, ith, pQ);
+}
+SphereInclusion ExactTest::sphereInclusionTest(Tet3* pTet, const Point3* pQ) const {
+  return sphereInclusion<true>(pTet, pQ);
+}
+SphereInclusion ExactTest::sphereInclusionTestInRange(Tet3* pTet, const Point3* pQ) const {
+  return sphereInclusion<false>(pTet, pQ);
+}
+
+bool ExactTest::inFloorFreeRange(const Point3& p) { return kernels::inFloorFreeRange(p); }
+bool ExactTest::allWithin(const double* v, int n, double low) { return kernels::allWithin(v, n, low); }
+bool ExactTest::filterDecides(double det, double errbound) {
+  return kernels::filterDecides(det, errbound);
+}
+
+void ExactTest::orient3dFilter(const double* pa, const double* pb, const double* pc,
+                               const double* pd, double& det, double& permanent, double& floor) {
+  kernels::orient3dFilter(pa, pb, pc, pd, det, permanent, floor);
+}
+void ExactTest::insphereFilter(const double* pa, const double* pb, const double* pc,
+                               const double* pd, const double* pe, double& det, double& permanent,
+                               double& floor) {
+  kernels::insphereFilter(pa, pb, pc, pd, pe, det, permanent, floor);
+}
+#if defined(__SSE2__)
+void ExactTest::insphereFilterSse2(const double* pa, const double* pb, const double* pc,
+                                   const double* pd, const double* pe, double& det,
+                                   double& permanent, double& floor) {
+  kernels::insphereFilterSse2(pa, pb, pc, pd, pe, det, permanent, floor);
+}
+#endif
+void ExactTest::insphereFilterFastest(const double* pa, const double* pb, const double* pc,
+                                      const double* pd, const double* pe, double& det,
+                                      double& permanent, double& floor) {
+  kernels::insphereFilterFastest(pa, pb, pc, pd, pe, det, permanent, floor);
 }
 
 } // namespace VELM3D

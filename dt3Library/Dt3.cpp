@@ -22,6 +22,7 @@
 #include <iostream>
 #include <set>
 
+#include "BrixTest3Inline.h"
 #include "Surface3.h"
 #include "Velm_3D.h"
 #include "Visualizer3.h"

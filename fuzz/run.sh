@@ -6,7 +6,9 @@
 # other). A finding stops that target, leaves the input in
 # build/fuzz/artifacts/ and makes the script exit non-zero after the rest ran.
 # The corpus grown by a run stays in build/fuzz/corpus/<target>; only the
-# seeds in fuzz/corpus are committed.
+# seeds in fuzz/corpus are committed. Installs clang and libFuzzer where they
+# are missing (root on a Debian machine); VELM3D_WERROR=ON in the
+# environment turns compiler warnings into errors.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -15,21 +17,14 @@ shift || true
 targets=("$@")
 [ ${#targets[@]} -gt 0 ] || targets=(readxyz readstl triangulation)
 
-if ! command -v clang++ >/dev/null || ! ls /usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.fuzzer-x86_64.a >/dev/null 2>&1; then
-  if [ "$(id -u)" = 0 ] && command -v apt-get >/dev/null; then
-    export DEBIAN_FRONTEND=noninteractive
-    apt-get update -qq && apt-get install -y -qq clang libclang-rt-14-dev >/dev/null
-  else
-    echo "missing clang or libFuzzer (Debian: clang libclang-rt-14-dev)" >&2
-    exit 1
-  fi
-fi
+bash scripts/install_deps.sh fuzz
 
 out=build/fuzz
 generator=()
 command -v ninja >/dev/null && generator=(-G Ninja)
 [ -f "$out/CMakeCache.txt" ] && generator=()
-CXX=clang++ cmake -S fuzz -B "$out" "${generator[@]}" -DCMAKE_BUILD_TYPE=Release >/dev/null
+CXX=clang++ cmake -S fuzz -B "$out" "${generator[@]}" -DCMAKE_BUILD_TYPE=Release \
+  -DVELM3D_WERROR="${VELM3D_WERROR:-OFF}" >/dev/null
 cmake --build "$out" -j"$(nproc)"
 
 # The exact sphere test keeps about 210 KB of scratch on the stack, more

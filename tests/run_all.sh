@@ -1,36 +1,20 @@
 #!/usr/bin/env bash
 # Builds the library and its tests in build/test and runs the whole suite,
 # then installs the Python package into build/venv and runs its tests.
-# Installs the test dependencies (GoogleTest, GMP; Debian's Python with
-# NumPy, SciPy, pybind11, pytest, tqdm) first where they are missing and the
-# script may do so (root on a Debian machine).
+# Installs what is missing of the test dependencies first (GoogleTest, GMP;
+# Debian's Python with NumPy, SciPy, pybind11, pytest, tqdm) where the
+# script may do so (root on a Debian machine). VELM3D_WERROR=ON in the
+# environment turns compiler warnings into errors.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-need=()
-[ -f /usr/include/gmpxx.h ] || need+=(libgmp-dev)
-[ -d /usr/include/gtest ] || need+=(libgtest-dev)
-command -v cmake >/dev/null || need+=(cmake)
-command -v g++ >/dev/null || need+=(g++)
+bash scripts/install_deps.sh test python
 # The Python package is built and tested with Debian's interpreter, whatever
 # python3 comes first on PATH.
 py=/usr/bin/python3
-for mod in numpy:python3-numpy scipy:python3-scipy pybind11:python3-pybind11 \
-  pytest:python3-pytest tqdm:python3-tqdm setuptools:python3-setuptools ensurepip:python3-venv; do
-  "$py" -c "import ${mod%%:*}" 2>/dev/null || need+=("${mod#*:}")
-done
-"$py" -c 'import sysconfig, os, sys; sys.exit(not os.path.exists(sysconfig.get_paths()["include"] + "/Python.h"))' \
-  2>/dev/null || need+=(python3-dev)
-if [ ${#need[@]} -gt 0 ]; then
-  if [ "$(id -u)" = 0 ] && command -v apt-get >/dev/null; then
-    apt-get update -qq && apt-get install -y -qq "${need[@]}"
-  else
-    echo "missing packages: ${need[*]} (install them, then run again)" >&2
-    exit 1
-  fi
-fi
 
-cmake -S . -B build/test -DCMAKE_BUILD_TYPE=Release -DVELM3D_BUILD_TESTS=ON
+cmake -S . -B build/test -DCMAKE_BUILD_TYPE=Release -DVELM3D_BUILD_TESTS=ON \
+  -DVELM3D_WERROR="${VELM3D_WERROR:-OFF}"
 cmake --build build/test -j"$(nproc)"
 ctest --test-dir build/test --output-on-failure -j"$(nproc)"
 

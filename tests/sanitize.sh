@@ -4,8 +4,11 @@
 # Any finding fails the run: ASan stops at the first error, UBSan is made
 # fatal with -fno-sanitize-recover, and LeakSanitizer checks at every exit.
 # Usage: tests/sanitize.sh [extra ctest arguments]
+# VELM3D_WERROR=ON in the environment turns compiler warnings into errors.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+
+bash scripts/install_deps.sh test
 
 san="-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined"
 # g++ 12 reports false "may be used uninitialized" warnings in <functional>
@@ -14,6 +17,7 @@ warn="-Wno-maybe-uninitialized"
 # The library links with --no-undefined; the sanitizer runtimes must be on
 # the shared library's link line too, or their symbols are undefined there.
 cmake -S . -B build/sanitize -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELM3D_BUILD_TESTS=ON \
+  -DVELM3D_WERROR="${VELM3D_WERROR:-OFF}" \
   -DCMAKE_CXX_FLAGS="$san $warn" \
   -DCMAKE_EXE_LINKER_FLAGS="-fsanitize=address,undefined" \
   -DCMAKE_SHARED_LINKER_FLAGS="-fsanitize=address,undefined"

@@ -13,7 +13,7 @@
 #include <tuple>
 #include <vector>
 
-#include "BrixTest3.h"
+#include "BrixTest3Inline.h"
 
 using namespace VELM3D;
 

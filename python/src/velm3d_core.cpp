@@ -38,6 +38,7 @@
 #include <string>
 #include <vector>
 
+#include "BrixTest3Inline.h"
 #include "Velm_3D.h"
 
 namespace py = pybind11;
