@@ -271,6 +271,11 @@ inline void Two_Square(double a1, double a0, double& x5, double& x4, double& x3,
 // adaptive stages. ExactTest's static functions of the same names call them.
 namespace kernels {
 
+// The filter kernels are forced in line wherever they are used: as plain
+// inline functions the compiler may keep one out-of-line copy for a source
+// with many callers, and a call per filter costs the hot loops about 5 %.
+#define VELM_KERNEL inline __attribute__((always_inline))
+
 // Whether the n values are 0 or of magnitude in [low, 2^199).
 inline bool allWithin(const double* v, int n, double low) {
   bool ok = true;
@@ -305,7 +310,7 @@ inline bool filterDecides(double det, double errbound) {
 // three three-fold ones 2^-1075 each. The floor, 2^-1000 (|z| sums + 2),
 // covers that with room to spare and stays a normal number; for input of
 // ordinary magnitude it is far below the published bound.
-inline void orient3dFilter(const double* pa, const double* pb, const double* pc,
+VELM_KERNEL void orient3dFilter(const double* pa, const double* pb, const double* pc,
                            const double* pd, double& det, double& permanent, double& floor) {
   const double adx = pa[0] - pd[0], bdx = pb[0] - pd[0], cdx = pc[0] - pd[0];
   const double ady = pa[1] - pd[1], bdy = pb[1] - pd[1], cdy = pc[1] - pd[1];
@@ -328,7 +333,7 @@ inline void orient3dFilter(const double* pa, const double* pb, const double* pc,
 // ones through a lift, twelve squares through a three-fold minor, and the
 // four last products. The floor, 2^-1000 (1 + L^2), has room to spare and
 // is a normal number: arithmetic on subnormal ones is slow on many CPUs.
-inline void insphereFilter(const double* pa, const double* pb, const double* pc,
+VELM_KERNEL void insphereFilter(const double* pa, const double* pb, const double* pc,
                            const double* pd, const double* pe, double& det, double& permanent,
                            double& floor) {
   const double aex = pa[0] - pe[0], bex = pb[0] - pe[0], cex = pc[0] - pe[0], dex = pd[0] - pe[0];
@@ -379,7 +384,7 @@ inline void insphereFilter(const double* pa, const double* pb, const double* pc,
 // exactly the operations of insphereFilter in the same order, so the results
 // are the same bits; only IEEE commutativity (a+b == b+a, a*b == b*a) is
 // used to pair the terms.
-inline void insphereFilterSse2(const double* pa, const double* pb, const double* pc,
+VELM_KERNEL void insphereFilterSse2(const double* pa, const double* pb, const double* pc,
                                const double* pd, const double* pe, double& det,
                                double& permanent, double& floor) {
   const __m128d ex = _mm_set1_pd(pe[0]), ey = _mm_set1_pd(pe[1]), ez = _mm_set1_pd(pe[2]);
@@ -449,7 +454,7 @@ inline void insphereFilterSse2(const double* pa, const double* pb, const double*
 #endif
 
 // The paired form where SSE2 is there, else the scalar one: the same bits.
-inline void insphereFilterFastest(const double* pa, const double* pb, const double* pc,
+VELM_KERNEL void insphereFilterFastest(const double* pa, const double* pb, const double* pc,
                                   const double* pd, const double* pe, double& det,
                                   double& permanent, double& floor) {
 #if defined(__SSE2__)

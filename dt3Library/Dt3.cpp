@@ -81,7 +81,7 @@ void Dt3::insertVector(std::vector<Point3>& vPoints, std::vector<Point3*>& vUser
   const size_t n = vPoints.size();
   std::cout << "numPoints=" << n << std::endl;
   if (n == 0) return;
-  for (const Point3& p : vPoints) bFloorFreeRange = bFloorFreeRange && ExactTest::inFloorFreeRange(p);
+  for (const Point3& p : vPoints) bFloorFreeRange = bFloorFreeRange && kernels::inFloorFreeRange(p);
   std::vector<Point3*> vNewVertices;
   hc3.addPoints(vPoints, vUserHandles, vNewVertices);
 
@@ -104,7 +104,7 @@ void Dt3::insertVector(std::vector<Point3>& vPoints, std::vector<Point3*>& vUser
 }
 
 Point3* Dt3::insert(Point3& p) {
-  bFloorFreeRange = bFloorFreeRange && ExactTest::inFloorFreeRange(p);
+  bFloorFreeRange = bFloorFreeRange && kernels::inFloorFreeRange(p);
   std::pair<Point3*, Tet3*> stored = hc3.addPoint(p);
   Point3* pVtx = stored.first;
   if (bFullDimensional) {
@@ -221,7 +221,7 @@ void Dt3::triangulateList(std::vector<Point3*>& vVertices, Tet3* pLastTet, bool 
     return;
   }
   // The list may come from a caller of this public entry, not the intake.
-  for (const Point3* p : vVertices) bFloorFreeRange = bFloorFreeRange && ExactTest::inFloorFreeRange(*p);
+  for (const Point3* p : vVertices) bFloorFreeRange = bFloorFreeRange && kernels::inFloorFreeRange(*p);
   const unsigned long n = vVertices.size();
   const int numLevels =
       std::max(static_cast<int>(std::ceil(std::log(static_cast<double>(n)) / 0.6931471805599453)) - 4, 0);
@@ -286,12 +286,13 @@ Point3* Dt3::createPendingVertex(double, double, double) {
 // step limit ran out.
 
 inline Orientation3 Dt3::facetOrientation(Tet3* pTet, int ith, const Point3* pVtx, bool bInRange) const {
-  return bInRange ? predicates.getOrientation3InRange(pTet, ith, pVtx) : predicates.getOrientation3(pTet, ith, pVtx);
+  // The floored form is the rare one and stays out of line, so that the
+  // loops around the inlined floor-free form keep their registers.
+  return bInRange ? predicates.orientationOfFacet<false>(pTet, ith, pVtx) : predicates.getOrientation3(pTet, ith, pVtx);
 }
 
 inline SphereInclusion Dt3::sphereInclusion(Tet3* pTet, const Point3* pVtx) const {
-  return bFloorFreeRange ? predicates.sphereInclusionTestInRange(pTet, pVtx)
-                         : predicates.sphereInclusionTest(pTet, pVtx);
+  return bFloorFreeRange ? predicates.sphereInclusion<false>(pTet, pVtx) : predicates.sphereInclusionTest(pTet, pVtx);
 }
 
 int Dt3::locateConflictTet(Point3* pVtx, Tet3*& pStartTet) {
@@ -300,7 +301,7 @@ int Dt3::locateConflictTet(Point3* pVtx, Tet3*& pStartTet) {
     return -99;
   }
   // A query of locate need not be stored: it must be in the range too.
-  const bool bInRange = bFloorFreeRange && ExactTest::inFloorFreeRange(*pVtx);
+  const bool bInRange = bFloorFreeRange && kernels::inFloorFreeRange(*pVtx);
   int ith = 0;
   int numFacetsLeft = 4;
   int numSteps = 0;
@@ -574,7 +575,7 @@ void Dt3::ch_getVisibleTets(Point3*& pVtx, Tet3* pStartTet, int opp3ICI, std::ve
     Tet3* pCurTet = it.getTet();
     const int opp2ICI = it.getOpp2Index();
     VELM_ASSERT(pCurTet->getOppTet(opp2ICI)==NULL);
-    if (predicates.getOrientation3(pCurTet, opp2ICI, pVtx) != ORIENTATION3_NEGATIVE) continue;
+    if (facetOrientation(pCurTet, opp2ICI, pVtx, bFloorFreeRange) != ORIENTATION3_NEGATIVE) continue;
     for (int k = 0; k < 4; ++k) {
       if (k == opp2ICI) continue;
       const Edge3 e = pCurTet->getEdge(opp2ICI, k);
@@ -589,7 +590,7 @@ void Dt3::ch_getVisibleTets(Point3*& pVtx, Tet3* pStartTet, int opp3ICI, std::ve
 void Dt3::extractVisibleStayAndToBeDoomed(std::vector<Tet3*>& vVisibleTets, std::vector<Tet3*>& vStayTets,
                                           std::vector<Tet3*>& vDoomedTets, Point3* pVtx) {
   for (Tet3* pTet : vVisibleTets) {
-    if (predicates.sphereInclusionTest(pTet, pVtx) != SIC_OUTSIDE) {
+    if (sphereInclusion(pTet, pVtx) != SIC_OUTSIDE) {
       enterCavity(pTet, vDoomedTets);
     } else {
       vStayTets.push_back(pTet);
@@ -604,7 +605,7 @@ void Dt3::extractVisibleStayAndToBeDoomed(std::vector<Tet3*>& vVisibleTets, std:
     for (int i = 0; i < 4; ++i) {
       Tet3* pOppTet = pCurTet->getOppTet(i);
       if (pOppTet == nullptr || pOppTet->hasBeenVisited) continue;
-      if (predicates.sphereInclusionTest(pOppTet, pVtx) != SIC_OUTSIDE) {
+      if (sphereInclusion(pOppTet, pVtx) != SIC_OUTSIDE) {
         enterCavity(pOppTet, vWork);
         vDoomedTets.push_back(pOppTet);
       }
@@ -619,7 +620,7 @@ Tet3* Dt3::glueTetsToVisibleKeptOnes(std::vector<Tet3*>& vStayTets, Point3* pVtx
     VELM_ASSERT(!pCHTet->hasBeenVisited);
     for (int k = 0; k < 4; ++k) {
       if (pCHTet->getOppTet(k) != nullptr) continue;
-      const Orientation3 orient = predicates.getOrientation3(pCHTet, k, pVtx);
+      const Orientation3 orient = facetOrientation(pCHTet, k, pVtx, bFloorFreeRange);
       if (orient == ORIENTATION3_POSITIVE || orient == ORI3_ZERO) continue;
       VELM_ASSERT(orient==ORIENTATION3_NEGATIVE);
       // The corners of facet k in the order of its orientation test: the new
@@ -652,7 +653,7 @@ Tet3* Dt3::glueTetsToBackSidesOfDoomedOnes(std::vector<Tet3*>& vDoomedTets, Poin
     for (int k = 0; k < 4; ++k) {
       // A facet seen from outside vanishes with the tetrahedron; a coplanar
       // one would give a flat tetrahedron.
-      if (predicates.getOrientation3(pDoomedTet, k, pVtx) != ORIENTATION3_POSITIVE) continue;
+      if (facetOrientation(pDoomedTet, k, pVtx, bFloorFreeRange) != ORIENTATION3_POSITIVE) continue;
       Tet3* pOppTet = pDoomedTet->getOppTet(k);
       if (pOppTet != nullptr && pOppTet->hasBeenVisited) continue;
       pNewTet = newTetOnFacet(pDoomedTet, k, pVtx, pOppTet);

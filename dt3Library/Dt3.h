@@ -169,7 +169,7 @@ private:
   // Takes a fresh record from the pool (when no retired one is waiting).
   Tet3* newTetFromPool();
 
-  // The walk's tests, in the form the range allows (see bFloorFreeRange).
+  // The insertion's tests, in the form the range allows (see bFloorFreeRange).
   inline Orientation3 facetOrientation(Tet3* pTet, int ith, const Point3* pVtx, bool bInRange) const;
   inline SphereInclusion sphereInclusion(Tet3* pTet, const Point3* pVtx) const;
   // The walk's answer for a point in the plane of facet ith, or walkGoesOn.
