@@ -1,5 +1,6 @@
-// fuzz_triangulation: libFuzzer target that triangulates small, mostly
-// degenerate point sets and checks the mesh exactly.
+// triangulation_check.h: the check of the fuzz target fuzz_triangulation. It
+// triangulates small, mostly degenerate point sets and checks the mesh
+// exactly; tests/ replays the kept inputs through it without libFuzzer.
 //
 // Input bytes:
 //   byte 0     the lattice: coordinates are taken modulo 8 for most values,
@@ -29,6 +30,8 @@
 //    started by a single insertion, the points that waited stay out of it).
 // A violation prints the library's captured output and the offending
 // element, then aborts.
+#pragma once
+
 #include <Velm_3D.h>
 
 #include <algorithm>
@@ -44,7 +47,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace triangulationcheck {
 
 using VELM3D::Point3;
 using VELM3D::Tet3;
@@ -64,21 +67,21 @@ const double kOffsets[4] = {0.0, -3.5, 1048576.0, -3221225472.0};
 // The 64 exponents: -1074 + 33 i for i = 0 to 63, that is up to 1005.
 const int kLowestExponent = -1074, kExponentStep = 33, kNumExponents = 64;
 
-std::ostringstream gLibraryOutput;
+inline std::ostringstream gLibraryOutput;
 
-[[noreturn]] void fail(const std::string& what) {
+[[noreturn]] inline void fail(const std::string& what) {
   std::fflush(stdout);
   std::cerr << "library output:\n" << gLibraryOutput.str() << "\nFUZZ CHECK FAILED: " << what << std::endl;
   std::abort();
 }
 
-std::string latticeText(const Lattice& c) {
+inline std::string latticeText(const Lattice& c) {
   return "(" + std::to_string(c[0]) + "," + std::to_string(c[1]) + "," + std::to_string(c[2]) + ")";
 }
 
 // det[b-a; c-a; d-a]: positive when d lies on the side of the plane through
 // a, b, c to which (b-a) x (c-a) points.
-__int128 orient(const Lattice& a, const Lattice& b, const Lattice& c, const Lattice& d) {
+inline __int128 orient(const Lattice& a, const Lattice& b, const Lattice& c, const Lattice& d) {
   const __int128 bx = b[0] - a[0], by = b[1] - a[1], bz = b[2] - a[2];
   const __int128 cx = c[0] - a[0], cy = c[1] - a[1], cz = c[2] - a[2];
   const __int128 dx = d[0] - a[0], dy = d[1] - a[1], dz = d[2] - a[2];
@@ -88,7 +91,7 @@ __int128 orient(const Lattice& a, const Lattice& b, const Lattice& c, const Latt
 // For a positively oriented a, b, c, d: negative exactly when e lies strictly
 // inside their circumsphere (rows p-e with the lifted |p-e|^2, expanded along
 // the lifted column).
-__int128 lifted(const Lattice* p[4], const Lattice& e) {
+inline __int128 lifted(const Lattice* p[4], const Lattice& e) {
   Lattice r[4];
   __int128 w[4];
   for (int i = 0; i < 4; ++i) {
@@ -107,7 +110,7 @@ struct Input {
   size_t cutA = 0, cutB = 0;
 };
 
-Input decode(const uint8_t* data, size_t size) {
+inline Input decode(const uint8_t* data, size_t size) {
   Input in;
   if (size < 4) return in;
   const int modulus = kModuli[data[0] % 8];
@@ -132,7 +135,7 @@ Input decode(const uint8_t* data, size_t size) {
   return in;
 }
 
-void checkMesh(VELM3D::Velm_3D& velm, const std::map<Point3*, Lattice>& mLattice,
+inline void checkMesh(VELM3D::Velm_3D& velm, const std::map<Point3*, Lattice>& mLattice,
                const std::set<Point3*>& sRequired) {
   if (!velm.checkValidity("fuzz", true)) fail("checkValidity returned false");
   if (!velm.is3D()) {
@@ -201,7 +204,7 @@ void checkMesh(VELM3D::Velm_3D& velm, const std::map<Point3*, Lattice>& mLattice
     if (uses > 2) fail("facet used by more than two tetrahedra");
 }
 
-void run(Input& in) {
+inline void run(Input& in) {
   VELM3D::Velm_3D velm;
   std::map<Point3*, Lattice> mLattice;
   std::set<Point3*> sRequired;
@@ -263,9 +266,9 @@ void run(Input& in) {
   checkMesh(velm, mLattice, sRequired);
 }
 
-} // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+// Decodes the bytes, triangulates them and checks the mesh; a fault prints
+// the library's output and the offending element, then aborts.
+inline int checkInput(const uint8_t* data, size_t size) {
   Input in = decode(data, size);
   gLibraryOutput.str("");
   gLibraryOutput.clear();
@@ -280,3 +283,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::cout.clear();
   return 0;
 }
+
+} // namespace triangulationcheck
+
