@@ -4,8 +4,10 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -118,6 +120,20 @@ protected:
   }
   std::filesystem::path origDir = std::filesystem::current_path(), tmpDir;
 };
+
+// A copy of n doubles that ends where a page that may not be read begins, in
+// one of eight slots: a routine that reads past the end of the input faults.
+inline double* guardedCopy(int slot, const double* v, int n) {
+  static const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  static char* const base = [] {
+    char* p = static_cast<char*>(mmap(nullptr, 16 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    for (int i = 1; i < 16; i += 2) mprotect(p + i * page, page, PROT_NONE);
+    return p;
+  }();
+  double* const p = reinterpret_cast<double*>(base + (2 * slot + 1) * page) - n;
+  std::copy(v, v + n, p);
+  return p;
+}
 
 inline size_t numTets(VELM3D::Velm_3D& vt) {
   std::vector<VELM3D::Tet3*> v;
