@@ -259,8 +259,9 @@ TEST(Recycling, LastRetiredIsFirstReusedAfterTheSwap) {
   m.dt.swapDoomedVectors();
   EXPECT_TRUE(m.dt.getDoomed().empty() && m.dt.getDoomedPrev() == (std::vector<Tet3*>{ta, tb}));
   const int oldLabel = tc->getLabel();
+  tb->setCustomIndex(3);
   EXPECT_EQ(m.tet(a, b, c, d), tb);
-  EXPECT_GT(tb->getLabel(), oldLabel);
+  EXPECT_TRUE(tb->getLabel() > oldLabel && tb->getCustomIndex() == -1); // every field is set anew
   m.dt.doom(tc);
   m.dt.swapDoomedVectors(); // ta, left over, goes back among the retired
   EXPECT_EQ(m.dt.getDoomed(), std::vector<Tet3*>{ta});
@@ -268,7 +269,7 @@ TEST(Recycling, LastRetiredIsFirstReusedAfterTheSwap) {
   m.dt.swapDoomedVectors();
   EXPECT_EQ(m.tet(a, b, c, d), ta);
   Tet3* fresh = m.tet(a, b, c, d);
-  EXPECT_TRUE(fresh != ta && fresh != tb && fresh != tc);
+  EXPECT_TRUE(fresh != ta && fresh != tb && fresh != tc && fresh->getCustomIndex() == -1);
 }
 
 TEST(InitialTet, WaitsForFourPointsThatSpanSpace) {
