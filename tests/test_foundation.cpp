@@ -208,7 +208,7 @@ TEST(VertexStore, WorkedKeys) {
 }
 
 TEST(VertexStore, KeysOrderTheCellsOfACubeIntoAFaceConnectedPath) {
-  for (int depth = 1; depth <= 3; ++depth) {
+  for (int depth = 1; depth <= 4; ++depth) {
     HC3 h(3 * depth);
     setBox(h, Point3(0, 0, 0), Point3(1, 1, 1));
     const int n = 1 << depth;
