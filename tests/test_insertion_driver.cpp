@@ -1,35 +1,21 @@
 // The insertion driver seen from outside: the level order of a bulk insert,
 // its progress and warning lines, the paths before the first tetrahedron,
 // handles and duplicates, locate, and the facet registry driven directly.
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <numeric>
 #include <random>
 #include <string>
 #include <vector>
 
-#include "exact_checker.h"
+#include "test_support.h"
 
 using namespace VELM3D;
 using exact::randomPoints;
 using BRIX_TOOLS::SimplePool;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStdout;
+using support::captured;
+using support::numTets;
 
 namespace {
-
-template <class F> std::string captured(F f) {
-  CaptureStdout();
-  f();
-  return GetCapturedStdout();
-}
-
-size_t numTets(Velm_3D& vt) {
-  std::vector<Tet3*> v;
-  captured([&] { vt.getTetrahedra(v); });
-  return v.size();
-}
 
 // Levels of a list of n records, as indices into the list.
 std::vector<std::vector<size_t>> levels(size_t n, int maxLevel) {
@@ -289,12 +275,9 @@ TEST(Locate, InsideOnAVertexOutsideAndBeforeTheFirstTetrahedron) {
 // all pairs fall into one bucket.
 class FacetRegistry : public ::testing::Test {
 protected:
-  // Three vertex pairs whose hashes are equal: bits 5 to 9 of the lower
-  // address give bits 0 to 4 of the bucket, those of the higher bits 5 to 9.
-  static unsigned long hashOf(const Point3* a, const Point3* b) {
-    return ((reinterpret_cast<unsigned long>(a) >> 5) & 31) | (reinterpret_cast<unsigned long>(b) & 0x3E0);
-  }
-  FacetRegistry() : dt(nullptr) {
+  // Two more pairs of consecutive records whose hash is that of the first
+  // pair, from a bounded number of records.
+  void SetUp() override {
     points.init(4096, -1);
     tets.init(16, -1);
     std::vector<Point3*> vRec;
@@ -303,9 +286,11 @@ protected:
       vRec.back()->init(Point3(i, i * i, 1.0 / (i + 1)));
     }
     v[0] = vRec[0], v[1] = vRec[1], v[6] = vRec[2], v[7] = vRec[3];
-    hash = hashOf(v[0], v[1]);
-    for (size_t j = 4, k = 2; k < 6; ++j)
-      if (hashOf(vRec[j], vRec[j + 1]) == hash) v[k++] = vRec[j], v[k++] = vRec[j + 1], ++j;
+    hash = Dt3::tcsHash(v[0], v[1]);
+    size_t k = 2;
+    for (size_t j = 4; k < 6 && j + 1 < vRec.size(); ++j)
+      if (Dt3::tcsHash(vRec[j], vRec[j + 1]) == hash) v[k++] = vRec[j], v[k++] = vRec[j + 1], ++j;
+    ASSERT_EQ(k, 6u) << "no two more pairs with the first pair's hash among " << vRec.size() << " records";
     for (Tet3*& t : t6) t = tets.nextObject();
   }
   // Half h (0 or 1) of pair k is facet 1+h of tetrahedron 2k+h; the halves
@@ -336,8 +321,8 @@ protected:
   SimplePool<Tet3> tets;
   Point3* v[8];
   Tet3* t6[6];
-  unsigned long hash;
-  Dt3 dt;
+  unsigned long hash = 0;
+  Dt3 dt{nullptr};
 };
 
 TEST_F(FacetRegistry, CollidingPairsCloseInEveryOrder) {
@@ -372,9 +357,7 @@ TEST_F(FacetRegistry, OpenEntriesSurviveTheFinalPassAndTcsResetEmptiesAll) {
 TEST_F(FacetRegistry, SamePairTwiceFromOneTetrahedronIsAnAssertion) {
   freshTets();
   dt.tcsTreatment(hash, t6[0], 2, v[0], v[1]);
-  CaptureStdout();
-  EXPECT_THROW(dt.tcsTreatment(hash, t6[0], 3, v[0], v[1]), VelmException);
-  const std::string out = GetCapturedStdout();
+  std::string out;
+  EXPECT_TRUE(support::failsAssertion([&] { dt.tcsTreatment(hash, t6[0], 3, v[0], v[1]); }, "fromTet!=toTet", &out));
   EXPECT_NE(out.find("register tets has been called with fromTet==toTet=="), std::string::npos) << out;
-  EXPECT_NE(out.find("Velm, , ERROR: Condition [ fromTet!=toTet failed ]"), std::string::npos) << out;
 }

@@ -2,10 +2,6 @@
 // sphere test from the published routine, and differential runs against
 // exact GMP integer determinants on random, near-degenerate and exactly
 // degenerate input, which must agree in every case.
-#include <gmpxx.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <climits>
@@ -17,18 +13,17 @@
 #include <string>
 #include <vector>
 
-#include "BrixTest3.h"
-#include "SimplePool.h"
-#include "freeFunctions.h"
+#include "test_support.h"
 
 using namespace VELM3D;
 
 namespace {
 
 // Exact integer images of n finite doubles: all of them times one power of
-// two, which keeps the sign of every homogeneous determinant of them. Each
-// is its 53-bit mantissa shifted in GMP, so any mix of magnitudes fits.
-void toIntegers(const double* v, int n, mpz_class* z) {
+// two, 2^-emin (emin is returned), which keeps the sign of every homogeneous
+// determinant of them. Each is its 53-bit mantissa shifted in GMP, so any
+// mix of magnitudes fits.
+int toIntegers(const double* v, int n, mpz_class* z) {
   int emin = INT_MAX;
   for (int i = 0; i < n; ++i)
     if (v[i] != 0.0) emin = std::min(emin, std::ilogb(v[i]) - 52);
@@ -37,17 +32,20 @@ void toIntegers(const double* v, int n, mpz_class* z) {
     z[i] = mpz_class(std::ldexp(std::frexp(v[i], &e), 53));
     if (v[i] != 0.0) mpz_mul_2exp(z[i].get_mpz_t(), z[i].get_mpz_t(), e - 53 - emin);
   }
+  return emin;
 }
 
 using Pts = double[5][3];
 
-// Sign of the determinant of the rows p[i] - p[n-1], i < n-1, of dim
-// coordinates, each row extended by its squared length when bLift. This is
+// The determinant of the rows p[i] - p[n-1], i < n-1, of dim coordinates,
+// each row extended by its squared length when bLift, on the integer images:
 // the published orient2d, orient3d, incircle and insphere determinant for
-// (n, dim, bLift) = (3,2,0), (4,3,0), (4,2,1), (5,3,1). Bareiss elimination.
-int exactSign(const Pts p, int n, int dim, bool bLift) {
+// (n, dim, bLift) = (3,2,0), (4,3,0), (4,2,1), (5,3,1) times 2^(-emin
+// degree). Bareiss elimination.
+mpz_class scaledDet(const Pts p, int n, int dim, bool bLift, int* pEmin = nullptr) {
   mpz_class z[15], m[4][4], prev = 1;
-  toIntegers(&p[0][0], 15, z);
+  const int emin = toIntegers(&p[0][0], 15, z);
+  if (pEmin != nullptr) *pEmin = emin;
   const int size = n - 1;
   for (int i = 0; i < size; ++i) {
     m[i][dim] = 0;
@@ -69,7 +67,20 @@ int exactSign(const Pts p, int n, int dim, bool bLift) {
       for (int j = k + 1; j < size; ++j) m[i][j] = (m[i][j] * m[k][k] - m[i][k] * m[k][j]) / prev;
     prev = m[k][k];
   }
-  return sign * sgn(m[size - 1][size - 1]);
+  return sign * m[size - 1][size - 1];
+}
+
+int exactSign(const Pts p, int n, int dim, bool bLift) { return sgn(scaledDet(p, n, dim, bLift)); }
+
+// The determinant itself, as a rational; its degree is n - 1, plus 1 for the lift.
+mpq_class exactDet(const Pts p, int n, int dim, bool bLift) {
+  int emin = 0;
+  mpq_class det(scaledDet(p, n, dim, bLift, &emin));
+  if (det == 0) return det;
+  const long shift = static_cast<long>(emin) * (n - 1 + bLift);
+  if (shift >= 0) mpq_mul_2exp(det.get_mpq_t(), det.get_mpq_t(), shift);
+  else mpq_div_2exp(det.get_mpq_t(), det.get_mpq_t(), -shift);
+  return det;
 }
 
 // The sign of a predicate's value; NaN is no sign at all.
@@ -256,7 +267,7 @@ TEST(Orientation3, EachFacetHasItsOppositeCornerOnThePositiveSide) {
   }
   EXPECT_EQ(t.getOrientation3(pTet, 3, &below), ORIENTATION3_NEGATIVE);
   EXPECT_EQ(t.getOrientation3(pTet, 3, &a), ORI3_ZERO);
-  EXPECT_EXIT(t.getOrientation3(pTet, 4, &a), ::testing::ExitedWithCode(1), "");
+  EXPECT_FATAL(t.getOrientation3(pTet, 4, &a), "");
   // The report comes first; the null record is read afterwards (stdout to stderr for the regex).
   EXPECT_DEATH({ dup2(2, 1); t.getOrientation3(static_cast<Tet3*>(nullptr), 0, &a); },
                "getOrientation3, pC==NULL");
@@ -267,11 +278,7 @@ TEST(Orientation3, OriStringsAndTheAssertionOutsideTheTable) {
   EXPECT_EQ(t.getOriString(ORIENTATION3_POSITIVE), "ORI3_ORIENTATION3_POSITIVE");
   EXPECT_EQ(t.getOriString(ORIENTATION3_NEGATIVE), "ORI3_ORIENTATION3_NEGATIVE");
   EXPECT_EQ(t.getOriString(ORI3_ZERO), "ORI3_ZERO");
-  testing::internal::CaptureStdout();
-  EXPECT_THROW(t.getOriString(static_cast<Orientation3>(3)), VelmException);
-  const std::string out = testing::internal::GetCapturedStdout();
-  EXPECT_NE(out.find("Condition [ false failed ]"), std::string::npos) << out;
-  EXPECT_NE(out.find("dt3Library/BrixTest3.cpp:34"), std::string::npos) << out;
+  EXPECT_TRUE(support::failsAssertion([&] { t.getOriString(static_cast<Orientation3>(3)); }, "false"));
 }
 
 // A cube of side 2^50 at offset 2^51: corners a, b, c, d of a positive
@@ -345,6 +352,51 @@ TEST(PlanarPredicates, SignsInGeometricWords) {
   EXPECT_GT(incirclefast(a, b, c, mid), 0.0);
 }
 
+// An isosceles trapezoid is cocircular. Of the differences to d = (q, 1) of
+// (-q, 1), (p, 0) and (-p, 0), p = 3 * 2^52 and q = 2^52 + 1, only -p - q
+// is inexact, so the last stage works with the tails of one point, which
+// goes first, second and third in turn; d also moves by an ulp.
+TEST(PlanarPredicates, CocircularWithTheTailsOfOnePoint) {
+  const ExactTest t;
+  const double p = 0x3p52, q = 0x1p52 + 1;
+  double exact1[2] = {-q, 1}, exact2[2] = {p, 0}, tailed[2] = {-p, 0};
+  double* order[3][3] = {{tailed, exact1, exact2}, {exact1, tailed, exact2}, {exact1, exact2, tailed}};
+  for (auto& o : order)
+    for (double dy : {1.0, std::nextafter(1.0, 2.0), std::nextafter(1.0, 0.0)}) {
+      double d[2] = {q, dy};
+      Pts pts = {{o[0][0], o[0][1], 0}, {o[1][0], o[1][1], 0}, {o[2][0], o[2][1], 0}, {q, dy, 0}, {0, 0, 0}};
+      EXPECT_EQ(signOf(t.incircle(o[0], o[1], o[2], d)), exactSign(pts, 4, 2, true)) << dy;
+    }
+}
+
+// The plain determinants (the filters' first evaluation) are exact on small
+// integers: each must then be the published determinant to the last bit.
+TEST(PlainDeterminants, EqualTheExactValueOnSmallIntegers) {
+  std::mt19937_64 rng(21);
+  for (int n = 0; n < 5000; ++n) {
+    Pts p;
+    for (auto& q : p)
+      for (double& c : q) c = static_cast<double>(static_cast<int>(rng() % 129) - 64);
+    ASSERT_EQ(mpq_class(orient2dfast(p[0], p[1], p[2])), exactDet(p, 3, 2, false)) << n;
+    ASSERT_EQ(mpq_class(incirclefast(p[0], p[1], p[2], p[3])), exactDet(p, 4, 2, true)) << n;
+    ASSERT_EQ(mpq_class(orient3dfast(p[0], p[1], p[2], p[3])), exactDet(p, 4, 3, false)) << n;
+    ASSERT_EQ(mpq_class(inspherefast(p[0], p[1], p[2], p[3], p[4])), exactDet(p, 5, 3, true)) << n;
+  }
+}
+
+// Disabled until the library is mended: with e at the coordinates of a (a
+// copy, not the corner) the determinant is exactly 0, so the class is 2; but
+// when the differences are not exact the permanent is 0 as well, the first
+// two stages leave it undecided, and the expansion stage's test det >= bound
+// (0 >= 0) answers 1, outside the sphere.
+TEST(SphereClasses, DISABLED_ACopyOfACornerIsOnTheSphere) {
+  const ExactTest t;
+  double a[3] = {0.1, 0.2, 0.3}, b[3] = {1.3, 0.7, 0.11}, c[3] = {0.77, 1.9, 0.5}, d[3] = {0.3, 0.41, 1.7};
+  double copyOfA[3] = {0.1, 0.2, 0.3};
+  EXPECT_EQ(t.insphereexact(a, b, c, d, copyOfA), 2u);
+  EXPECT_EQ(t.insphere(a, b, c, d, copyOfA), 2.0);
+}
+
 namespace {
 
 enum Predicate { ORIENT3, SPHERE, ORIENT2, INCIRCLE };
@@ -366,28 +418,30 @@ Verdict run(Predicate what, Cases& cases, const Regime& r, int count) {
   Pts p;
   for (int i = 0; i < count; ++i) {
     cases.make(r.kind, p, n, r.offset, r.scale, r.numUlps, r.bNudgeZeros);
+    double* g[5]; // the same points, each ending where an unreadable page begins
+    for (int k = 0; k < n; ++k) g[k] = support::guardedCopy(k, p[k], what == ORIENT2 || what == INCIRCLE ? 2 : 3);
     bool bRight = true;
     if (what == ORIENT3) {
       Point3 q[4] = {{p[0][0], p[0][1], p[0][2]}, {p[1][0], p[1][1], p[1][2]},
                      {p[2][0], p[2][1], p[2][2]}, {p[3][0], p[3][1], p[3][2]}};
       const int exact = exactSign(p, 4, 3, false);
       bRight = t.getOrientation3(&q[0], &q[1], &q[2], &q[3]) == oriOfSign[1 + exact] &&
-               signOf(t.orient3d(p[0], p[1], p[2], p[3])) == exact;
+               signOf(t.orient3d(g[0], g[1], g[2], g[3])) == exact;
     } else if (what == SPHERE) {
       const int ori = exactSign(p, 4, 3, false);
       if (ori == 0) continue;
-      if (ori > 0) std::swap(p[0], p[1]);  // corners in positive order
+      if (ori > 0) std::swap(p[0], p[1]), std::swap(g[0], g[1]);  // corners in positive order
       Point3 q[5];
       for (int k = 0; k < 5; ++k) q[k] = Point3(p[k][0], p[k][1], p[k][2]);
       pTet->setProperties(&q[0], &q[1], &q[2], &q[3]);
       const int lifted = exactSign(p, 5, 3, true);
       bRight = t.sphereInclusionTest(pTet, &q[4]) == (lifted < 0 ? SIC_INSIDE : SIC_OUTSIDE);
       if (i % 16 == 0)  // the exact stage alone, in the published order (class 1: inside)
-        bRight &= t.insphereexact(p[1], p[0], p[2], p[3], p[4]) == (lifted == 0 ? 2u : (lifted < 0 ? 1u : 0u));
+        bRight &= t.insphereexact(g[1], g[0], g[2], g[3], g[4]) == (lifted == 0 ? 2u : (lifted < 0 ? 1u : 0u));
     } else if (what == ORIENT2) {
-      bRight = signOf(t.orient2d(p[0], p[1], p[2])) == exactSign(p, 3, 2, false);
+      bRight = signOf(t.orient2d(g[0], g[1], g[2])) == exactSign(p, 3, 2, false);
     } else {
-      bRight = signOf(t.incircle(p[0], p[1], p[2], p[3])) == exactSign(p, 4, 2, true);
+      bRight = signOf(t.incircle(g[0], g[1], g[2], g[3])) == exactSign(p, 4, 2, true);
     }
     v.numWrong += !bRight;
     ++v.numTested;

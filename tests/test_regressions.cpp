@@ -1,14 +1,14 @@
-// Inputs found by the fuzz targets (fuzz/), kept as regression tests. Each
-// names its minimized input in tests/data/.
-#include <gtest/gtest.h>
-
+// Inputs found by the fuzz targets (fuzz/), kept as regression tests that
+// state the behaviour found. Each names its minimized input in tests/data/,
+// which CTest also replays through the fuzz target's own check.
 #include <set>
 #include <vector>
 
-#include "Velm_3D.h"
+#include "test_support.h"
 
 namespace {
 
+using support::captured;
 using VELM3D::Point3;
 using VELM3D::Tet3;
 
@@ -22,23 +22,21 @@ TEST(FuzzTriangulation, WaitingPointsStayOutWhenRepeatsMatchTheirNumber) {
   VELM3D::Velm_3D velm;
   std::vector<Point3> vFirst{Point3(0, 0, 0), Point3(5, 0, 0)};
   std::vector<Point3> vSecond{Point3(0, 5, 0), Point3(0, 0, 5), Point3(1, 1, 1), Point3(0, 5, 0), Point3(0, 5, 0)};
-  testing::internal::CaptureStdout();
-  velm.insert(vFirst);
-  velm.insert(vSecond);
   std::vector<Point3*> vVertices;
   std::vector<Tet3*> vTets;
-  velm.getVertices(vVertices);
-  velm.getTetrahedra(vTets);
-  testing::internal::GetCapturedStdout();
+  captured([&] {
+    velm.insert(vFirst);
+    velm.insert(vSecond);
+    velm.getVertices(vVertices);
+    velm.getTetrahedra(vTets);
+  });
   std::set<Point3*> sCorners;
   for (Tet3* pT : vTets)
     for (int i = 0; i < 4; ++i) sCorners.insert(pT->getCorner(i));
   EXPECT_EQ(vVertices.size(), 5u);
   EXPECT_EQ(sCorners.size(), 4u);
   for (Point3* pVtx : vVertices) EXPECT_EQ(pVtx->getOneTet() != nullptr, sCorners.count(pVtx) == 1);
-  testing::internal::CaptureStdout();
-  EXPECT_TRUE(velm.checkValidity("regression", true));
-  testing::internal::GetCapturedStdout();
+  captured([&] { EXPECT_TRUE(velm.checkValidity("regression", true)); });
 }
 
 } // namespace

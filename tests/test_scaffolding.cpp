@@ -1,38 +1,22 @@
 // Tests of the mesh scaffolding on meshes built by hand: the queries, the edge
 // and facet handles, the validity check and its fault reports, the Geomview
 // dump, the recycling of retired records and the first tetrahedron.
-#include <gmpxx.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
-#include <filesystem>
-#include <fstream>
+#include <random>
 #include <regex>
 #include <set>
 #include <sstream>
 
-#include "Dt3.h"
+#include "test_support.h"
 
 using namespace VELM3D;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStdout;
+using exact::orient;
+using support::captured;
+using support::failsAssertion;
 namespace fs = std::filesystem;
 
 namespace {
-
-// Sign of ((b - a) x (c - a)) . (d - a) in exact rationals: positive when d
-// lies on the side to which the normal of a, b, c points.
-int orient(const Point3* a, const Point3* b, const Point3* c, const Point3* d) {
-  mpq_class m[3][3];
-  const Point3* p[3] = {b, c, d};
-  for (int i = 0; i < 3; ++i)
-    m[i][0] = mpq_class(p[i]->x()) - a->x(), m[i][1] = mpq_class(p[i]->y()) - a->y(),
-    m[i][2] = mpq_class(p[i]->z()) - a->z();
-  return sgn(m[2][0] * (m[0][1] * m[1][2] - m[0][2] * m[1][1]) + m[2][1] * (m[0][2] * m[1][0] - m[0][0] * m[1][2]) +
-             m[2][2] * (m[0][0] * m[1][1] - m[0][1] * m[1][0]));
-}
 
 std::set<Point3*> facetCorners(Tet3* t, int i) {
   std::set<Point3*> s{t->getCorner(0), t->getCorner(1), t->getCorner(2), t->getCorner(3)};
@@ -55,7 +39,7 @@ struct Mesh {
     return dt.getStore().addPoint(p).first;
   }
   Tet3* tet(Point3* a, Point3* b, Point3* c, Point3* d) { // exchanged into positive order
-    return orient(a, b, c, d) > 0 ? dt.createTet(a, b, c, d) : dt.createTet(b, a, c, d);
+    return orient(*a, *b, *c, *d) > 0 ? dt.createTet(a, b, c, d) : dt.createTet(b, a, c, d);
   }
 };
 
@@ -78,7 +62,7 @@ std::vector<Point3*> firstQuadruple(Dt3& dt) {
     for (size_t j = i + 1; j < v.size(); ++j)
       for (size_t k = j + 1; k < v.size(); ++k)
         for (size_t l = k + 1; l < v.size(); ++l)
-          if (const int o = orient(v[i], v[j], v[k], v[l]))
+          if (const int o = orient(*v[i], *v[j], *v[k], *v[l]))
             return {o > 0 ? v[i] : v[j], o > 0 ? v[j] : v[i], v[k], v[l]};
   return {};
 }
@@ -91,9 +75,8 @@ std::vector<Tet3*> sorted(std::vector<Tet3*> v) {
 }
 
 bool valid(Dt3& dt, bool bVisited, bool bSphere, std::string* pOut = nullptr) {
-  CaptureStdout();
-  const bool bResult = dt.checkValidity("here", bVisited, bSphere);
-  const std::string out = GetCapturedStdout();
+  bool bResult = false;
+  const std::string out = captured([&] { bResult = dt.checkValidity("here", bVisited, bSphere); });
   if (pOut != nullptr) *pOut = out;
   return bResult;
 }
@@ -101,33 +84,17 @@ bool valid(Dt3& dt, bool bVisited, bool bSphere, std::string* pOut = nullptr) {
 bool contains(const std::string& s, const std::string& part) { return s.find(part) != std::string::npos; }
 
 // The text of the one file in the working directory whose name matches.
-std::string readFile(const std::string& pattern) {
+std::string fileMatching(const std::string& pattern) {
   std::string text;
   int numFound = 0;
   for (const auto& entry : fs::directory_iterator("."))
-    if (std::regex_match(entry.path().filename().string(), std::regex(pattern))) {
-      std::stringstream ss;
-      ss << std::ifstream(entry.path()).rdbuf();
-      text = ss.str(), ++numFound;
-    }
+    if (std::regex_match(entry.path().filename().string(), std::regex(pattern)))
+      text = support::readFile(entry.path()), ++numFound;
   return numFound == 1 ? text : "";
 }
 
 // Writes the files of a test into a directory of its own.
-class InTempDir : public ::testing::Test {
-protected:
-  void SetUp() override {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    char tmpl[] = "/tmp/velm_scaffolding_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    fs::current_path(tmpDir = tmpl);
-  }
-  void TearDown() override {
-    fs::current_path(origDir);
-    fs::remove_all(tmpDir);
-  }
-  fs::path origDir = fs::current_path(), tmpDir;
-};
+using InTempDir = support::InTempDir;
 
 } // namespace
 
@@ -137,9 +104,7 @@ TEST(Queries, PairSharingAFacet) {
   std::vector<Tet3*> vAll, vAround, vAroundA, vIncident;
   m.dt.getAllTetrahedra(vAll);
   EXPECT_EQ(vAll, both);
-  CaptureStdout();
-  EXPECT_THROW(m.dt.getAllTetrahedra(vAll), VelmException);
-  EXPECT_TRUE(contains(GetCapturedStdout(), "Condition [ vTet.empty() failed ]"));
+  EXPECT_TRUE(failsAssertion([&] { m.dt.getAllTetrahedra(vAll); }, "vTet.empty()"));
   m.dt.getTetsAroundVertex(m.b, vAround);
   m.dt.getTetsAroundVertex(m.b, vAround); // appends
   EXPECT_EQ(vAround, (std::vector<Tet3*>{both[0], both[1], both[0], both[1]}));
@@ -208,7 +173,7 @@ TEST_F(InTempDir, SideFaultReportsAndDrawsTheMesh) {
   EXPECT_FALSE(valid(m.dt, false, false, &out)); // orientation is tested all the same
   EXPECT_TRUE(contains(out, "Dt3::checkValidity, HUH, vertex ") && contains(out, " should be on the negative side, tet=\n"));
   EXPECT_TRUE(contains(out, "checkValidity: positive\n")) << out;
-  EXPECT_TRUE(contains(readFile("[0-9]{5}_negSideBug\\.list"), "appearance{linewidth 10}"));
+  EXPECT_TRUE(contains(fileMatching("[0-9]{5}_negSideBug\\.list"), "appearance{linewidth 10}"));
 }
 
 TEST_F(InTempDir, SphereFaultReportsAndDrawsTheSphere) {
@@ -217,18 +182,16 @@ TEST_F(InTempDir, SphereFaultReportsAndDrawsTheSphere) {
   EXPECT_TRUE(valid(m.dt, true, false));
   EXPECT_FALSE(valid(m.dt, true, true, &out));
   EXPECT_TRUE(contains(out, "Dt3::checkValidity, HUH - sphereIncTest failed: \n"));
-  EXPECT_TRUE(contains(readFile("[0-9]{5}_sphereIncBug\\.list"), "{\nappearance { +edge -face }\nSPHERE "));
+  EXPECT_TRUE(contains(fileMatching("[0-9]{5}_sphereIncBug\\.list"), "{\nappearance { +edge -face }\nSPHERE "));
 }
 
 TEST(Validity, VisitedFlagOnALiveTetrahedronThrows) {
   Pair m(2, 2, 2);
   m.t1->hasBeenVisited = true;
   EXPECT_TRUE(valid(m.dt, false, true));
-  CaptureStdout();
-  EXPECT_THROW(m.dt.checkValidity("here", true, true), VelmException);
-  const std::string out = GetCapturedStdout();
+  std::string out;
+  EXPECT_TRUE(failsAssertion([&] { m.dt.checkValidity("here", true, true); }, "false", &out));
   EXPECT_TRUE(contains(out, "      Dt3::CheckValidity(), ERROR: pcurrentTet->hasBeenvisited=true"));
-  EXPECT_TRUE(contains(out, "Condition [ false failed ]"));
 }
 
 namespace {
@@ -254,37 +217,36 @@ std::string expectedShow(Tet3* t, const std::string& color, const Point3* pMark)
   return oss.str() + "}\n";
 }
 
-void showInChild() {
+bool showWritesFacesThenCornersThenTheMark() {
   Mesh m;
   m.vtx(0, 0, 0), m.vtx(2, 0, 0), m.vtx(0, 0.5, 0), m.vtx(0, 0, 1);
   Tet3* t = m.dt.createInitialTet();
   Point3* pMark = m.vtx(0.25, 0.125, 0.25);
   m.dt.show("plain.list", nullptr); // the first two colours of the cycle
   m.dt.show("marked.list", pMark);
-  const bool bOk = readFile("plain\\.list") == expectedShow(t, "0 0.749 1 0.5", nullptr) &&
-                   readFile("marked\\.list") == expectedShow(t, "0 0.1 .803 0.5", pMark);
-  fs::remove_all(fs::current_path());
-  exit(bOk ? 0 : 1);
+  const bool bOk = fileMatching("plain\\.list") == expectedShow(t, "0 0.749 1 0.5", nullptr) &&
+                   fileMatching("marked\\.list") == expectedShow(t, "0 0.1 .803 0.5", pMark);
+  fs::remove_all(fs::current_path()); // the child's own directory
+  return bOk;
 }
 
-void labelsInChild() {
+bool labelsRiseFrom1000() {
   int labels[2];
   for (int& label : labels) {
     Mesh m;
     m.vtx(0, 0, 0), m.vtx(1, 0, 0), m.vtx(0, 1, 0), m.vtx(0, 0, 1);
     label = m.dt.createInitialTet()->getLabel();
   }
-  exit(labels[0] == 1000 && labels[1] == 1001 ? 0 : 1);
+  return labels[0] == 1000 && labels[1] == 1001;
 }
 
 } // namespace
 
-TEST_F(InTempDir, ShowWritesFacesThenCornersThenTheMark) { EXPECT_EXIT(showInChild(), ::testing::ExitedWithCode(0), ""); }
-
-TEST(Recycling, LabelsRiseFrom1000AcrossTriangulations) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(labelsInChild(), ::testing::ExitedWithCode(0), "");
+TEST_F(InTempDir, ShowWritesFacesThenCornersThenTheMark) {
+  EXPECT_IN_FRESH_PROCESS(showWritesFacesThenCornersThenTheMark());
 }
+
+TEST(Recycling, LabelsRiseFrom1000AcrossTriangulations) { EXPECT_IN_FRESH_PROCESS(labelsRiseFrom1000()); }
 
 TEST(Recycling, LastRetiredIsFirstReusedAfterTheSwap) {
   Mesh m;
@@ -297,8 +259,9 @@ TEST(Recycling, LastRetiredIsFirstReusedAfterTheSwap) {
   m.dt.swapDoomedVectors();
   EXPECT_TRUE(m.dt.getDoomed().empty() && m.dt.getDoomedPrev() == (std::vector<Tet3*>{ta, tb}));
   const int oldLabel = tc->getLabel();
+  tb->setCustomIndex(3);
   EXPECT_EQ(m.tet(a, b, c, d), tb);
-  EXPECT_GT(tb->getLabel(), oldLabel);
+  EXPECT_TRUE(tb->getLabel() > oldLabel && tb->getCustomIndex() == -1); // every field is set anew
   m.dt.doom(tc);
   m.dt.swapDoomedVectors(); // ta, left over, goes back among the retired
   EXPECT_EQ(m.dt.getDoomed(), std::vector<Tet3*>{ta});
@@ -306,7 +269,7 @@ TEST(Recycling, LastRetiredIsFirstReusedAfterTheSwap) {
   m.dt.swapDoomedVectors();
   EXPECT_EQ(m.tet(a, b, c, d), ta);
   Tet3* fresh = m.tet(a, b, c, d);
-  EXPECT_TRUE(fresh != ta && fresh != tb && fresh != tc);
+  EXPECT_TRUE(fresh != ta && fresh != tb && fresh != tc && fresh->getCustomIndex() == -1);
 }
 
 TEST(InitialTet, WaitsForFourPointsThatSpanSpace) {
@@ -318,10 +281,7 @@ TEST(InitialTet, WaitsForFourPointsThatSpanSpace) {
   EXPECT_TRUE(m.dt.createInitialTet() == nullptr && !m.dt.is3D());
   Point3* pUp = m.vtx(0.3, 0.3, 1);
   EXPECT_TRUE(m.dt.createInitialTet()->hasVertex(pUp) && m.dt.is3D());
-  CaptureStdout();
-  EXPECT_THROW(m.dt.createInitialTet(), VelmException);
-  const std::string out = GetCapturedStdout();
-  EXPECT_TRUE(contains(out, "Condition [ !bFullDimensional failed ]\033[m\n\n      dt3Library/Dt3.cpp:")) << out;
+  EXPECT_TRUE(failsAssertion([&] { m.dt.createInitialTet(); }, "!bFullDimensional"));
 }
 
 TEST(InitialTet, FirstSpanningQuadrupleOfTheStoreOrderInPositiveOrder) {
@@ -362,13 +322,41 @@ TEST(Tet3Records, IndexTablesStreamFormAndFatalChecks) {
                            toString(static_cast<const void*>(m.t1)) + "): hasBeenVisited=0, ownOri=", 0), 0u);
   EXPECT_TRUE(positive.find('\033') == std::string::npos && contains(positive, " (NULL)\n"));
   const int i = m.t1->getIntraTetIndex(m.t2), j = m.t2->getIntraTetIndex(m.t1);
-  EXPECT_EXIT({ dup2(2, 1); m.t1->getOppVtxInOppTet((i + 1) % 4, false); }, ::testing::ExitedWithCode(1),
-              "no neighbor tet");
-  EXPECT_EXIT({ dup2(2, 1); Tet3::haveCommonFacet(m.t1, i, m.t2, (j + 1) % 4); }, ::testing::ExitedWithCode(1),
-              "Tet3::haveCommonFacet\\(\\) ERROR");
+  EXPECT_FATAL(m.t1->getOppVtxInOppTet((i + 1) % 4, false), "no neighbor tet");
+  EXPECT_FATAL(Tet3::haveCommonFacet(m.t1, i, m.t2, (j + 1) % 4), "Tet3::haveCommonFacet\\(\\) ERROR");
   // Every rotation and both directions of the shared facet's corners.
   EXPECT_TRUE(Tet3::haveCommonFacet(m.t1, i, m.t2, j));
   for (const auto& r : {std::array<Point3*, 3>{m.b, m.c, m.d}, {m.c, m.d, m.b}, {m.d, m.b, m.c}, {m.c, m.b, m.d}})
     EXPECT_TRUE(Tet3::haveCommonFacet(m.t1, i, m.dt.createTet(m.e, r[0], r[1], r[2]), 0));
   EXPECT_TRUE(contains(toString(*m.dt.createTet(m.b, m.a, m.c, m.d)), ", \033[0;31mownOri="));
+}
+
+// The circumcentre p0 + x against the exact solution of (p_i - p0) . x =
+// |p_i - p0|^2 / 2, i = 1..3 (Cramer's rule in rationals), on tetrahedra of
+// reasonable shape with every corner away from the origin.
+TEST(Tet3Records, CircumcenterMatchesTheExactCentre) {
+  std::mt19937_64 gen(17);
+  std::uniform_real_distribution<double> u(1.0, 4.0);
+  Mesh m;
+  for (int n = 0, numTested = 0; numTested < 200; ++n) {
+    Point3* p[4] = {m.vtx(u(gen), u(gen), u(gen)), m.vtx(u(gen), u(gen), u(gen)), m.vtx(u(gen), u(gen), u(gen)),
+                    m.vtx(u(gen), u(gen), u(gen))};
+    exact::Row<mpq_class> r[3];
+    mpq_class b[3];
+    for (int i = 0; i < 3; ++i) {
+      r[i] = exact::diff<mpq_class>(*p[i + 1], *p[0]);
+      b[i] = (r[i][0] * r[i][0] + r[i][1] * r[i][1] + r[i][2] * r[i][2]) / 2;
+    }
+    const mpq_class det = exact::det3(r[0], r[1], r[2]);
+    if (abs(det) < 1) continue;
+    ++numTested;
+    const Point3 c = m.tet(p[0], p[1], p[2], p[3])->getCircumcenter();
+    const double got[3] = {c.x(), c.y(), c.z()}, p0[3] = {p[0]->x(), p[0]->y(), p[0]->z()};
+    for (int k = 0; k < 3; ++k) {
+      exact::Row<mpq_class> s[3] = {r[0], r[1], r[2]};
+      for (int i = 0; i < 3; ++i) s[i][k] = b[i];
+      const double want = mpq_class(p0[k] + exact::det3(s[0], s[1], s[2]) / det).get_d();
+      EXPECT_NEAR(got[k], want, 1e-9 * (1 + std::fabs(want))) << "tetrahedron " << n << ", coordinate " << k;
+    }
+  }
 }

@@ -1,22 +1,18 @@
 // The triangle surface: its ASCII STL scanner (counts only, since the owning
 // Dt3 hands out no vertices for files), the edge-sorting neighbour matching
 // and the circulation around a vertex on surfaces built from shared Point3*.
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "Dt3.h"
-#include "Surface3.h"
+#include "test_support.h"
 
 using namespace VELM3D;
+using support::captured;
+using support::tempPath;
 
 namespace {
 
@@ -26,10 +22,6 @@ size_t countOf(const std::string& text, const std::string& word) {
   return n;
 }
 
-std::string tempPath(const std::string& name) {
-  return ::testing::TempDir() + "surf_" + std::to_string(getpid()) + "_" + name;
-}
-
 // Reads the bytes as an STL file into a fresh surface and sums up the result
 // as "result triangles/vertices/banners"; every vertex line asks the Dt3 for
 // a vertex and gets its banner. The triangles, all with null corners, are
@@ -37,12 +29,12 @@ std::string tempPath(const std::string& name) {
 std::string stl(const std::string& bytes, std::string* pSaid = nullptr) {
   Dt3 dt(nullptr);
   Surface3* pSurface = dt.createEmptySurface();
-  const std::string path = tempPath("in.stl");
-  std::ofstream(path, std::ios::binary) << bytes;
-  testing::internal::CaptureStdout();
-  const bool bOk = pSurface->readSTL(path, pSaid != nullptr);
-  const bool bLinked = pSurface->establishNeighborships();
-  const std::string said = testing::internal::GetCapturedStdout();
+  const std::string path = support::writeTemp("in.stl", bytes);
+  bool bOk = false, bLinked = false;
+  const std::string said = captured([&] {
+    bOk = pSurface->readSTL(path, pSaid != nullptr);
+    bLinked = pSurface->establishNeighborships();
+  });
   std::remove(path.c_str());
   if (pSaid) *pSaid = said;
   std::vector<Triangle3*> vT;
@@ -119,9 +111,7 @@ TEST(ReadSTL, FilesWithoutKeywordsGiveNothing) {
   Dt3 dt(nullptr);
   Surface3* pSurface = dt.createEmptySurface();
   const std::string missing = tempPath("no_such_dir/none.stl");
-  testing::internal::CaptureStdout();
-  EXPECT_FALSE(pSurface->readSTL(missing, true));
-  said = testing::internal::GetCapturedStdout();
+  said = captured([&] { EXPECT_FALSE(pSurface->readSTL(missing, true)); });
   EXPECT_NE(said.find("Surface3::readSTL(), ERROR: Error reading: " + missing), std::string::npos);
   EXPECT_EQ(said.find("numTriangles"), std::string::npos);
 }
@@ -131,13 +121,18 @@ TEST(ReadSTL, FilesWithoutKeywordsGiveNothing) {
 namespace {
 
 std::string link(Surface3* pSurface, bool bExpected) {
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(pSurface->establishNeighborships(), bExpected);
-  return testing::internal::GetCapturedStdout();
+  return captured([&] { EXPECT_EQ(pSurface->establishNeighborships(), bExpected); });
 }
 
 bool hasCorner(const Triangle3* pT, const Point3* p) {
   return pT->aCorners[0] == p || pT->aCorners[1] == p || pT->aCorners[2] == p;
+}
+
+// Whether the triangle's corners are p, a, b in this cyclic order.
+bool runs(const Triangle3* pT, const Point3* p, const Point3* a, const Point3* b) {
+  for (int i = 0; i < 3; ++i)
+    if (pT->aCorners[i] == p) return pT->aCorners[(i + 1) % 3] == a && pT->aCorners[(i + 2) % 3] == b;
+  return false;
 }
 
 } // namespace
@@ -191,9 +186,9 @@ TEST(Surface3, ArraysReplaceAndQueriesAppend) {
   std::vector<Triangle3*> vT{nullptr};
   pSurface->getTriangles(vT);
   EXPECT_TRUE(vT.empty());
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(pSurface->createVertex(1, 2, 3), nullptr);
-  EXPECT_EQ(countOf(testing::internal::GetCapturedStdout(), "createPendingVertex is disabled"), 1u);
+  EXPECT_EQ(countOf(captured([&] { EXPECT_EQ(pSurface->createVertex(1, 2, 3), nullptr); }),
+                    "createPendingVertex is disabled"),
+            1u);
   pSurface->getVertices(vV);
   EXPECT_EQ(vV, std::vector<Point3*>{nullptr});
   pSurface->getIncidentTriangles(&a, vT);
@@ -220,27 +215,24 @@ TEST(EstablishNeighborships, ClosedTetrahedronSurfaceHasFullFans) {
       }
     }
     for (Point3& p : v) {
-      std::vector<Triangle3*> vFan{nullptr};
+      std::vector<Triangle3*> vFan{nullptr}; // the queries append
       std::vector<Point3*> vRing;
       pSurface->getIncidentTriangles(&p, vFan);
       pSurface->getIncidentVertices(&p, vRing);
-      ASSERT_EQ(vFan.size(), 4u);
-      // The fan starts at the last triangle in creation order that has p.
+      ASSERT_TRUE(vFan.size() == 4u && vRing.size() == 3u);
+      // The fan starts at the last triangle in creation order that has p and
+      // turns the way the triangles run: triangle k has the corners p, ring k
+      // and ring k+1 in this cyclic order, so the ring runs counterclockwise
+      // seen from outside.
       Triangle3* pLast = nullptr;
       for (Triangle3* pT : vT) pLast = hasCorner(pT, &p) ? pT : pLast;
       EXPECT_EQ(vFan[1], pLast);
-      std::sort(vFan.begin() + 1, vFan.end());
-      EXPECT_TRUE(std::unique(vFan.begin(), vFan.end()) == vFan.end());
-      for (size_t k = 1; k < 4; ++k) EXPECT_TRUE(hasCorner(vFan[k], &p));
-      vRing.push_back(&p);
-      std::sort(vRing.begin(), vRing.end());
-      EXPECT_TRUE(vRing[0] == &v[0] && vRing[1] == &v[1] && vRing[2] == &v[2] && vRing[3] == &v[3]);
+      for (size_t k = 0; k < 3; ++k) EXPECT_TRUE(runs(vFan[k + 1], &p, vRing[k], vRing[(k + 1) % 3])) << k;
     }
   }
   const std::string path = tempPath("tet.list");
   pSurface->writeGeomview(path, "1 0 0 0.5");
-  std::ifstream in(path);
-  const std::string file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const std::string file = support::readFile(path);
   EXPECT_NE(file.find("\n12 4 0\n"), std::string::npos);
   EXPECT_NE(file.find("\n3 9 10 11 1 0 0 0.5\n"), std::string::npos);
   std::remove(path.c_str());

@@ -1,7 +1,5 @@
 // Triangulations of easy and hard inputs, each verified by the exact checker
 // and by the library's own validity check, which must agree.
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -9,11 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "exact_checker.h"
+#include "test_support.h"
 
 using namespace VELM3D;
 using exact::grid;
 using exact::randomPoints;
+using support::numTets;
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
 
@@ -63,16 +62,31 @@ std::vector<Point3> sphere(int r) {
   return v;
 }
 
-size_t numTets(Velm_3D& vt) {
-  std::vector<Tet3*> v;
-  quiet([&] { vt.getTetrahedra(v); });
-  return v.size();
-}
-
 } // namespace
 
 TEST(Uniform, RandomPointsInACube) {
   for (size_t n : {1000, 10000, 100000}) expectBulkDelaunay(randomPoints(n, n), "uniform " + std::to_string(n));
+}
+
+// The tetrahedra around a vertex are exactly those that have it as a corner,
+// in ascending address order, on a random mesh and on a grid.
+TEST(Queries, TetsAroundEachVertexAreItsStar) {
+  for (const std::vector<Point3>& v : {randomPoints(300, 41), grid(5)}) {
+    Velm_3D vt;
+    insertAll(vt, v);
+    std::vector<Tet3*> vTets;
+    std::vector<Point3*> vVertices;
+    quiet([&] { vt.getTetrahedra(vTets); });
+    vt.getVertices(vVertices);
+    for (Point3* pVtx : vVertices) {
+      std::vector<Tet3*> vStar, vAround;
+      for (Tet3* pTet : vTets)
+        if (pTet->hasVertex(pVtx)) vStar.push_back(pTet);
+      std::sort(vStar.begin(), vStar.end());
+      quiet([&] { vt.getTetsAroundVertex(pVtx, vAround); });
+      ASSERT_EQ(vAround, vStar) << *pVtx;
+    }
+  }
 }
 
 TEST(Degenerate, IntegerGrids) {

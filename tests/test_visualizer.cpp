@@ -1,52 +1,33 @@
 // Geomview files are the contract of Visualizer3: every test compares a whole
 // file byte for byte. Also the small shape records of Vector3.h.
-#include <unistd.h>
-
 #include <cstdio>
-#include <fstream>
 #include <functional>
-#include <iostream>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "SimplePool.h"
-#include "Surface3.h"
-#include "Tet3.h"
-#include "Vector3.h"
-#include "Visualizer3.h"
-#include "freeFunctions.h"
+#include "test_support.h"
 
 using namespace VELM3D;
+using support::captured;
 
 namespace {
-
-std::string tmpPath(const std::string& name) {
-  return ::testing::TempDir() + "vis_" + std::to_string(getpid()) + "_" + name + ".list";
-}
 
 // Draws into a fresh file and returns its content; what the drawing itself
 // prints (after the two opening lines) goes to *pSaid if asked for.
 std::string drawFile(const std::string& name, const std::function<void(Visualizer3&)>& draw,
                      std::string* pSaid = nullptr) {
-  const std::string path = tmpPath(name);
-  testing::internal::CaptureStdout();
-  {
+  const std::string path = support::tempPath(name + ".list");
+  const std::string said = captured([&] {
     Visualizer3 vis(path);
     draw(vis);
-  }
-  const std::string said = testing::internal::GetCapturedStdout();
+  });
   const std::string opening =
       "Visualizer, writing " + path + "\n" + yellowString("  Writing " + path) + "\n";
   EXPECT_EQ(said.substr(0, opening.size()), opening);
   if (pSaid != nullptr) *pSaid = said.substr(opening.size());
-  std::ifstream in(path);
-  std::stringstream ss;
-  ss << in.rdbuf();
+  const std::string text = support::readFile(path);
   std::remove(path.c_str());
-  return ss.str();
+  return text;
 }
 
 std::string frame(const std::string& body) { return "LIST\n{\n" + body + "}\n"; }
@@ -80,22 +61,12 @@ TEST(VisualizerFile, CloseThenDestroyWritesClosingBraceOnceAndLaterDrawingNothin
 
 TEST(VisualizerFile, UnwritablePathEndsProcessWithStatusOne) {
   const std::string path = "/nonexistent_velm_dir/sub/x.list";
-  // The message goes to stdout; route it to stderr so the death test sees it.
-  EXPECT_EXIT(
-      {
-        std::cout.rdbuf(std::cerr.rdbuf());
-        Visualizer3 vis(path);
-      },
-      ::testing::ExitedWithCode(1), "/nonexistent_velm_dir/sub/x.list not open\n");
+  EXPECT_FATAL(Visualizer3 vis(path), "/nonexistent_velm_dir/sub/x.list not open\n");
 }
 
 TEST(VisualizerColors, GetColorReachesOnlyFirstFourteenEntries) {
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(Visualizer3::getColor(13), "1 1 1 0.5");
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(Visualizer3::getColor(14), "1 1 1 0.5");
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+  EXPECT_EQ(captured([] { EXPECT_EQ(Visualizer3::getColor(13), "1 1 1 0.5"); }), "");
+  EXPECT_EQ(captured([] { EXPECT_EQ(Visualizer3::getColor(14), "1 1 1 0.5"); }),
             "Attention, returning colorArray[13] which is the last available color\n");
   EXPECT_EQ(Visualizer3::colorArray[18], "0.49\t0.99 0.00 0.5");
   EXPECT_EQ(Visualizer3::CPALEGREEN, "0.60\t0.98 0.60 0.5");
@@ -105,23 +76,26 @@ TEST(VisualizerColors, GetColorReachesOnlyFirstFourteenEntries) {
   EXPECT_EQ(Visualizer3::colorNames[22], "CLIGHTSEAGREAN");
 }
 
+namespace {
+
+// Colours taken while two different files are open: the index is shared.
+bool nextColorCyclesFromZero() {
+  bool ok = Visualizer3::nextColorIdx == 0;
+  std::vector<std::string> vSeen;
+  drawFile("cycleA", [&](Visualizer3&) {
+    for (int i = 0; i < 7; ++i) vSeen.push_back(Visualizer3::getNextColor());
+  });
+  drawFile("cycleB", [&](Visualizer3&) {
+    for (int i = 0; i < 8; ++i) vSeen.push_back(Visualizer3::getNextColor());
+  });
+  for (unsigned i = 0; i < vSeen.size(); ++i) ok = ok && vSeen[i] == Visualizer3::colorArray[i % 14];
+  return ok && Visualizer3::nextColorIdx == 1;
+}
+
+} // namespace
+
 TEST(VisualizerColors, NextColorCyclesFourteenEntriesAcrossFilesInFreshProcess) {
-  EXPECT_EXIT(
-      {
-        bool ok = Visualizer3::nextColorIdx == 0;
-        std::vector<std::string> vSeen;
-        // Colours taken while two different files are open: the index is shared.
-        drawFile("cycleA", [&](Visualizer3&) {
-          for (int i = 0; i < 7; ++i) vSeen.push_back(Visualizer3::getNextColor());
-        });
-        drawFile("cycleB", [&](Visualizer3&) {
-          for (int i = 0; i < 8; ++i) vSeen.push_back(Visualizer3::getNextColor());
-        });
-        for (unsigned i = 0; i < vSeen.size(); ++i)
-          ok = ok && vSeen[i] == Visualizer3::colorArray[i % 14];
-        exit(ok && Visualizer3::nextColorIdx == 1 ? 0 : 1);
-      },
-      ::testing::ExitedWithCode(0), "");
+  EXPECT_IN_FRESH_PROCESS(nextColorCyclesFromZero());
 }
 
 TEST(VisualizerDraw, TetrahedronGivesFourFacesWithOtherCornersInRisingOrder) {
@@ -212,9 +186,7 @@ TEST(VisualizerDraw, PointsAreOneVectOfSingleVertexPolylines) {
   std::string said;
   EXPECT_EQ(drawFile("ptsEmpty", [&](Visualizer3& v) { v.writePoints(vNone, 5, "c"); }, &said),
             frame(""));
-  testing::internal::CaptureStdout();
-  warning("Visualizer3::writePoints", "vPoints.empty()");
-  EXPECT_EQ(said, testing::internal::GetCapturedStdout());
+  EXPECT_EQ(said, captured([] { warning("Visualizer3::writePoints", "vPoints.empty()"); }));
 }
 
 TEST(VisualizerDraw, TrianglesAreOneOffListWithUnsharedVertices) {
@@ -236,19 +208,14 @@ TEST(VisualizerDraw, TrianglesAreOneOffListWithUnsharedVertices) {
 
 TEST(ShapeRecords, NormalizeWarnsOnNullLengthAndNormalVectorNormalizesEdgesFirst) {
   const std::string warn = "warning: normalize(const Vector3& other), Null length vector!\n";
-  testing::internal::CaptureStdout();
-  const Vector3 zero = normalize(Vector3(0, 0, 0));
-  const Vector3 unit = normalize(Vector3(3, 0, 4));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), warn);
+  Vector3 zero(1, 1, 1), unit(0, 0, 0);
+  EXPECT_EQ(captured([&] { zero = normalize(Vector3(0, 0, 0)), unit = normalize(Vector3(3, 0, 4)); }), warn);
   EXPECT_TRUE(zero.x() == 0 && zero.y() == 0 && zero.z() == 0);
   EXPECT_TRUE(unit.x() == 0.6 && unit.y() == 0 && unit.z() == 0.8);
   const Point3 p0(0, 0, 0), p1(1, 1, 1), p2(2, 2, 2);
-  testing::internal::CaptureStdout();
-  getNormalVector(p0, p1, p2); // collinear: only the last normalisation fails
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), warn);
-  testing::internal::CaptureStdout();
-  getNormalVector(p0, p0, p0); // both edges and the cross product are null
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), warn + warn + warn);
+  // Collinear, only the last normalisation fails; then both edges and the cross product are null.
+  EXPECT_EQ(captured([&] { getNormalVector(p0, p1, p2); }), warn);
+  EXPECT_EQ(captured([&] { getNormalVector(p0, p0, p0); }), warn + warn + warn);
   // Unequal edge lengths: the normal is unit length only because edges are normalised.
   const Vector3 n = getNormalVector(p0, Point3(4, 0, 0), Point3(0, 0.5, 0));
   EXPECT_TRUE(n.x() == 0 && n.y() == 0 && n.z() == 1);
@@ -268,7 +235,5 @@ TEST(ShapeRecords, VectorArithmeticBallAndBounds) {
   Func_objBounds widen(bounds);
   widen(Point3(1, 2, 9));
   widen(Point3(-1, 5, -7));
-  testing::internal::CaptureStdout();
-  bounds.debug();
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Bounds: -1,2,1,5\n");
+  EXPECT_EQ(captured([&] { bounds.debug(); }), "Bounds: -1,2,1,5\n");
 }
