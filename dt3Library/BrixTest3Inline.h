@@ -269,6 +269,9 @@ inline void Two_Square(double a1, double a0, double& x5, double& x4, double& x3,
 // The filters, as inline kernels. They stand in this header so that the
 // insertion's hot loops inline them; only the undecided cases leave for the
 // adaptive stages. ExactTest's static functions of the same names call them.
+// The filters are always inlined: called as functions they return their
+// three results through memory, and a compiler that sees many calls of the
+// sphere filter in one file would otherwise keep one shared copy.
 namespace kernels {
 
 // Whether the n values are 0 or of magnitude in [low, 2^199).
@@ -294,6 +297,7 @@ inline bool inFloorFreeRange(const Point3& p) {
 // permanent sums the absolute values of the same products in the same
 // groups), so errbound is too and nothing is decided; and a det that
 // overflows only in its last sum carries the sign of the whole.
+[[gnu::always_inline]]
 inline bool filterDecides(double det, double errbound) {
   return det > errbound || -det > errbound;
 }
@@ -305,6 +309,7 @@ inline bool filterDecides(double det, double errbound) {
 // three three-fold ones 2^-1075 each. The floor, 2^-1000 (|z| sums + 2),
 // covers that with room to spare and stays a normal number; for input of
 // ordinary magnitude it is far below the published bound.
+[[gnu::always_inline]]
 inline void orient3dFilter(const double* pa, const double* pb, const double* pc,
                            const double* pd, double& det, double& permanent, double& floor) {
   const double adx = pa[0] - pd[0], bdx = pb[0] - pd[0], cdx = pc[0] - pd[0];
@@ -328,6 +333,7 @@ inline void orient3dFilter(const double* pa, const double* pb, const double* pc,
 // ones through a lift, twelve squares through a three-fold minor, and the
 // four last products. The floor, 2^-1000 (1 + L^2), has room to spare and
 // is a normal number: arithmetic on subnormal ones is slow on many CPUs.
+[[gnu::always_inline]]
 inline void insphereFilter(const double* pa, const double* pb, const double* pc,
                            const double* pd, const double* pe, double& det, double& permanent,
                            double& floor) {
@@ -379,6 +385,7 @@ inline void insphereFilter(const double* pa, const double* pb, const double* pc,
 // exactly the operations of insphereFilter in the same order, so the results
 // are the same bits; only IEEE commutativity (a+b == b+a, a*b == b*a) is
 // used to pair the terms.
+[[gnu::always_inline]]
 inline void insphereFilterSse2(const double* pa, const double* pb, const double* pc,
                                const double* pd, const double* pe, double& det,
                                double& permanent, double& floor) {
@@ -449,6 +456,7 @@ inline void insphereFilterSse2(const double* pa, const double* pb, const double*
 #endif
 
 // The paired form where SSE2 is there, else the scalar one: the same bits.
+[[gnu::always_inline]]
 inline void insphereFilterFastest(const double* pa, const double* pb, const double* pc,
                                   const double* pd, const double* pe, double& det,
                                   double& permanent, double& floor) {
