@@ -269,12 +269,10 @@ inline void Two_Square(double a1, double a0, double& x5, double& x4, double& x3,
 // The filters, as inline kernels. They stand in this header so that the
 // insertion's hot loops inline them; only the undecided cases leave for the
 // adaptive stages. ExactTest's static functions of the same names call them.
+// The filters are always inlined: called as functions they return their
+// three results through memory, and a compiler that sees many calls of the
+// sphere filter in one file would otherwise keep one shared copy.
 namespace kernels {
-
-// The filter kernels are forced in line wherever they are used: as plain
-// inline functions the compiler may keep one out-of-line copy for a source
-// with many callers, and a call per filter costs the hot loops about 5 %.
-#define VELM_KERNEL inline __attribute__((always_inline))
 
 // Whether the n values are 0 or of magnitude in [low, 2^199).
 inline bool allWithin(const double* v, int n, double low) {
@@ -299,6 +297,7 @@ inline bool inFloorFreeRange(const Point3& p) {
 // permanent sums the absolute values of the same products in the same
 // groups), so errbound is too and nothing is decided; and a det that
 // overflows only in its last sum carries the sign of the whole.
+[[gnu::always_inline]]
 inline bool filterDecides(double det, double errbound) {
   return det > errbound || -det > errbound;
 }
@@ -310,7 +309,8 @@ inline bool filterDecides(double det, double errbound) {
 // three three-fold ones 2^-1075 each. The floor, 2^-1000 (|z| sums + 2),
 // covers that with room to spare and stays a normal number; for input of
 // ordinary magnitude it is far below the published bound.
-VELM_KERNEL void orient3dFilter(const double* pa, const double* pb, const double* pc,
+[[gnu::always_inline]]
+inline void orient3dFilter(const double* pa, const double* pb, const double* pc,
                            const double* pd, double& det, double& permanent, double& floor) {
   const double adx = pa[0] - pd[0], bdx = pb[0] - pd[0], cdx = pc[0] - pd[0];
   const double ady = pa[1] - pd[1], bdy = pb[1] - pd[1], cdy = pc[1] - pd[1];
@@ -333,7 +333,8 @@ VELM_KERNEL void orient3dFilter(const double* pa, const double* pb, const double
 // ones through a lift, twelve squares through a three-fold minor, and the
 // four last products. The floor, 2^-1000 (1 + L^2), has room to spare and
 // is a normal number: arithmetic on subnormal ones is slow on many CPUs.
-VELM_KERNEL void insphereFilter(const double* pa, const double* pb, const double* pc,
+[[gnu::always_inline]]
+inline void insphereFilter(const double* pa, const double* pb, const double* pc,
                            const double* pd, const double* pe, double& det, double& permanent,
                            double& floor) {
   const double aex = pa[0] - pe[0], bex = pb[0] - pe[0], cex = pc[0] - pe[0], dex = pd[0] - pe[0];
@@ -384,7 +385,8 @@ VELM_KERNEL void insphereFilter(const double* pa, const double* pb, const double
 // exactly the operations of insphereFilter in the same order, so the results
 // are the same bits; only IEEE commutativity (a+b == b+a, a*b == b*a) is
 // used to pair the terms.
-VELM_KERNEL void insphereFilterSse2(const double* pa, const double* pb, const double* pc,
+[[gnu::always_inline]]
+inline void insphereFilterSse2(const double* pa, const double* pb, const double* pc,
                                const double* pd, const double* pe, double& det,
                                double& permanent, double& floor) {
   const __m128d ex = _mm_set1_pd(pe[0]), ey = _mm_set1_pd(pe[1]), ez = _mm_set1_pd(pe[2]);
@@ -454,7 +456,8 @@ VELM_KERNEL void insphereFilterSse2(const double* pa, const double* pb, const do
 #endif
 
 // The paired form where SSE2 is there, else the scalar one: the same bits.
-VELM_KERNEL void insphereFilterFastest(const double* pa, const double* pb, const double* pc,
+[[gnu::always_inline]]
+inline void insphereFilterFastest(const double* pa, const double* pb, const double* pc,
                                   const double* pd, const double* pe, double& det,
                                   double& permanent, double& floor) {
 #if defined(__SSE2__)
