@@ -2,8 +2,11 @@
 // counters, block pools, point records and the Hilbert vertex store.
 #include <algorithm>
 #include <array>
+#include <cmath>
+#include <map>
 #include <random>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -241,6 +244,36 @@ TEST(VertexStore, PointsOnCellBoundariesTakeTheUpperCell) {
     const Point3 p(c[0], c[1], c[2]);
     ASSERT_EQ(h.iReset(p), h.iReset(Point3(c[0] + 0x1p-12, c[1] + 0x1p-12, c[2] + 0x1p-12))) << p;
   }
+}
+
+// checkQ's report: the extremes of all coordinates (with only negative ones
+// the maximum keeps its start, the smallest normal double), the bins, the
+// distances between consecutive vertices (their sum over the number of
+// vertices) and the vertices per used key.
+TEST(VertexStore, CheckQReportsExtremesBinsDistancesAndKeys) {
+  HC3 h(9);
+  Point3 v[4] = {Point3(-1, -2, -3), Point3(-1, -2, -3.5), Point3(-4, -2.5, -3), Point3(-1.25, -2, -3)};
+  for (Point3& p : v) h.addPoint(p);
+  std::vector<Point3*> vStored;
+  h.getVertices(vStored);
+  double sum = 0.0, maxDist = 0.0;
+  std::map<unsigned, int> mPerKey;
+  for (size_t i = 0; i < vStored.size(); ++i) {
+    ++mPerKey[h.iReset(*vStored[i])];
+    if (i == 0) continue;
+    const Point3 &p = *vStored[i], &q = *vStored[i - 1];
+    const double d = std::sqrt((p.x() - q.x()) * (p.x() - q.x()) + (p.y() - q.y()) * (p.y() - q.y()) +
+                               (p.z() - q.z()) * (p.z() - q.z()));
+    sum += d, maxDist = std::max(maxDist, d);
+  }
+  int maxPerKey = 0;
+  for (const auto& keyCount : mPerKey) maxPerKey = std::max(maxPerKey, keyCount.second);
+  std::ostringstream want;
+  want << "Points: coordMin=" << -4.0 << ", coordMax=" << 2.2250738585072014e-308 << "\n\nHC3(numBits=9): We have 512"
+       << " bins of which 64 are usable, expected avgNum=" << 4.0 / 512 * 8.0 << "\nHC3: Consecutive linear distance, avg="
+       << sum / 4 << ", max=" << maxDist << "\nHC3: NumItems per used bin, avg=" << 4.0 / mPerKey.size()
+       << ", max=" << maxPerKey << "\n\n";
+  EXPECT_EQ(captured([&] { h.checkQ(); }), want.str());
 }
 
 TEST(VertexStore, DuplicatesCollapseAndEveryInputGetsItsHandle) {

@@ -1,6 +1,7 @@
 // test_support.h: what the test files share besides the exact checker:
 // output capture, temporary files, a fresh process for tests of process-wide
-// state, fatal paths, assertion reports, and counting tetrahedra.
+// state, fatal paths, assertion reports, inputs that end at an unreadable
+// page, and counting tetrahedra.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -29,13 +30,7 @@
 
 // A fatal path: `stmt` ends the process with status 1, and `regex` is found
 // in what it wrote to the standard output.
-#define EXPECT_FATAL(stmt, regex)                                                                  \
-  EXPECT_EXIT(                                                                                     \
-      {                                                                                            \
-        dup2(2, 1);                                                                                \
-        stmt;                                                                                      \
-      },                                                                                           \
-      ::testing::ExitedWithCode(1), regex)
+#define EXPECT_FATAL(stmt, regex) EXPECT_EXIT({ dup2(2, 1); stmt; }, ::testing::ExitedWithCode(1), regex)
 
 namespace support {
 
