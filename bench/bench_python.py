@@ -81,11 +81,11 @@ def vm_kib(field):
     return 0
 
 
-def child(spec):
+def child(job):
     """One run in this process; prints one JSON line."""
-    kind, n = SETS[spec["set"]]
+    kind, n = SETS[job["set"]]
     points = make_points(kind, n)
-    impl = spec["impl"]
+    impl = job["impl"]
     if impl == "scipy":
         from scipy.spatial import Delaunay
         build = lambda: Delaunay(points)  # noqa: E731
@@ -100,13 +100,13 @@ def child(spec):
     wall, cpu = time.perf_counter() - t0, time.process_time() - cpu0
     peak = vm_kib("VmHWM")
     out = {"wall": wall, "cpu": cpu, "mem_mib": (peak - before) / 1024, "nsimplex": int(tri.nsimplex)}
-    if impl == "scipy" and spec.get("count_flat"):
+    if impl == "scipy" and job.get("count_flat"):
         out["flat"] = zero_volume_count(points, tri.simplices)
     print(json.dumps(out))
 
 
-def run_child(spec):
-    proc = subprocess.run([sys.executable, __file__, "--child", json.dumps(spec)], capture_output=True,
+def run_child(job):
+    proc = subprocess.run([sys.executable, __file__, "--child", json.dumps(job)], capture_output=True,
                           text=True, stdin=subprocess.DEVNULL)
     if proc.returncode != 0:
         return {"error": proc.stderr.strip().splitlines()[-1] if proc.stderr.strip() else "failed"}
