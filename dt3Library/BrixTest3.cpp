@@ -1671,6 +1671,36 @@ double ExactTest::insphere(double* pa, double* pb, double* pc, double* pd, doubl
 }
 
 // ---------------------------------------------------------------------------
+// The two tests where the filter has left the sign open.
+
+double ExactTest::orientationUndecided(const Point3* a, const Point3* b, const Point3* c,
+                                       const Point3* d, double permanent) const {
+  double pa[3], pb[3], pc[3], pd[3];
+  a->xyz(pa[0], pa[1], pa[2]);
+  b->xyz(pb[0], pb[1], pb[2]);
+  c->xyz(pc[0], pc[1], pc[2]);
+  d->xyz(pd[0], pd[1], pd[2]);
+  return orient3dUndecided(pa, pb, pc, pd, permanent);
+}
+
+// A query with the coordinates of a corner zeroes a row of the determinant,
+// so det and permanent are 0 and it lands here: by pointer it is that
+// corner, otherwise insphereadapt classifies it.
+SphereInclusion ExactTest::sphereInclusionUndecided(Tet3* pTet, const Point3* pQ, double permanent) const {
+  if (pTet->getCorner(0) == pQ || pTet->getCorner(1) == pQ || pTet->getCorner(2) == pQ ||
+      pTet->getCorner(3) == pQ)
+    return SIC_CORNER;
+  double pa[3], pb[3], pc[3], pd[3], pe[3];
+  pTet->getCorner(0)->xyz(pa[0], pa[1], pa[2]);
+  pTet->getCorner(1)->xyz(pb[0], pb[1], pb[2]);
+  pTet->getCorner(2)->xyz(pc[0], pc[1], pc[2]);
+  pTet->getCorner(3)->xyz(pd[0], pd[1], pd[2]);
+  pQ->xyz(pe[0], pe[1], pe[2]);
+  // Class 0 is inside; 1 (outside) and 2 (on the sphere) are not.
+  return insphereadapt(pa, pb, pc, pd, pe, permanent) > 0 ? SIC_OUTSIDE : SIC_INSIDE;
+}
+
+// ---------------------------------------------------------------------------
 // The public entries of the two tests and of the filters. They are defined
 // here, out of line, so that they run with this file's floating-point flags
 // whatever flags the caller compiles with; each is the inline form of

@@ -140,10 +140,17 @@ private:
   template <bool bFloor>
   inline Orientation3 orientationOfFacet(Tet3* pC, int ith, const Point3* pQ) const;
   template <bool bFloor> inline SphereInclusion sphereInclusion(Tet3* pTet, const Point3* pQ) const;
-  // What getOrientation3 does when its filter leaves the sign open: 0 at
-  // once for a permanent that is exactly 0, else orient3dadapt. Out of line
-  // and small, so that the walk's inlined test stays small too.
+  // What orient3d does when its filter leaves the sign open: 0 at once for
+  // a permanent that is exactly 0, else orient3dadapt.
   double orient3dUndecided(double* pa, double* pb, double* pc, double* pd, double permanent) const;
+  // What the two inline tests do when their filter leaves the sign open:
+  // orient3dUndecided's det; for the sphere the corner test by pointer, then
+  // the class of insphereadapt. Out of line, and reading the coordinates
+  // again, so that the inline forms hand no array to the adaptive stages
+  // and keep their coordinates in registers.
+  double orientationUndecided(const Point3* a, const Point3* b, const Point3* c, const Point3* d,
+                              double permanent) const;
+  SphereInclusion sphereInclusionUndecided(Tet3* pTet, const Point3* pQ, double permanent) const;
   // goToHell("getOrientation3, pC==NULL"); the caller then goes on.
   static void reportNullFacetTet();
   // A facet index above 3 ends the process with status 1, without a message.

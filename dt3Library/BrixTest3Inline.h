@@ -488,7 +488,7 @@ inline Orientation3 ExactTest::orientationOf(const Point3* a, const Point3* b, c
   const double errbound = o3derrboundA * permanent + (bFloor ? floor : 0.0);
   // Without underflow a zero permanent is an exact zero of every term.
   if (!kernels::filterDecides(det, errbound) && (bFloor || permanent != 0.0))
-    det = orient3dUndecided(pa, pb, pc, pd, permanent);
+    det = orientationUndecided(a, b, c, d, permanent);
   // The published determinant is negative when d sees a, b, c counterclockwise.
   if (det < 0.0) return ORIENTATION3_POSITIVE;
   if (det > 0.0) return ORIENTATION3_NEGATIVE;
@@ -519,16 +519,8 @@ inline SphereInclusion ExactTest::sphereInclusion(Tet3* pTet, const Point3* pQ) 
   double det, permanent, floor;
   kernels::insphereFilterFastest(pa, pb, pc, pd, pe, det, permanent, floor);
   const double errbound = isperrboundA * permanent + (bFloor ? floor : 0.0);
-  // Decided only when |det| exceeds the bound, as published. A query with
-  // the coordinates of a corner zeroes a row of the determinant, so det and
-  // permanent are 0 and it lands here as undecided: by pointer it is that
-  // corner, otherwise insphereadapt classifies it.
-  if (!kernels::filterDecides(det, errbound)) {
-    if (pTet->getCorner(0) == pQ || pTet->getCorner(1) == pQ || pTet->getCorner(2) == pQ ||
-        pTet->getCorner(3) == pQ)
-      return SIC_CORNER;
-    det = static_cast<double>(insphereadapt(pa, pb, pc, pd, pe, permanent));
-  }
+  // Decided only when |det| exceeds the bound, as published.
+  if (!kernels::filterDecides(det, errbound)) return sphereInclusionUndecided(pTet, pQ, permanent);
   // A positively oriented Tet3 has a negative published orientation, so a
   // negative published insphere determinant means strictly inside.
   return det > 0.0 ? SIC_OUTSIDE : SIC_INSIDE;
