@@ -1620,7 +1620,11 @@ unsigned int ExactTest::insphereadapt(double* pa, double* pb, double* pc, double
 
   double det = estimate(finlength, fin1);
   double errbound = isperrboundB * permanent;
-  if (det >= errbound) return 1;
+  // A zero permanent makes the bound 0: each term then has a difference that
+  // is exactly 0 (a rounded difference is 0 only for equal coordinates), so
+  // the determinant is exactly 0 too, class 2 (a copy of a corner, say),
+  // where the test det >= 0 alone would call it positive.
+  if (det >= errbound) return det == 0.0 ? 2 : 1;
   if (-det >= errbound) return 0;
 
   if (bExactDifferences) {

@@ -384,17 +384,19 @@ TEST(PlainDeterminants, EqualTheExactValueOnSmallIntegers) {
   }
 }
 
-// Disabled until the library is mended: with e at the coordinates of a (a
-// copy, not the corner) the determinant is exactly 0, so the class is 2; but
-// when the differences are not exact the permanent is 0 as well, the first
-// two stages leave it undecided, and the expansion stage's test det >= bound
-// (0 >= 0) answers 1, outside the sphere.
-TEST(SphereClasses, DISABLED_ACopyOfACornerIsOnTheSphere) {
+// With e at the coordinates of a (a copy, not the corner) the determinant is
+// exactly 0, so the class is 2, though the differences are not exact and the
+// first stage's bound is 0 (a zero permanent). The corner itself, by pointer,
+// is SIC_CORNER; its copy is on the sphere, which the mesh counts as outside.
+TEST(SphereClasses, ACopyOfACornerIsOnTheSphere) {
   const ExactTest t;
   double a[3] = {0.1, 0.2, 0.3}, b[3] = {1.3, 0.7, 0.11}, c[3] = {0.77, 1.9, 0.5}, d[3] = {0.3, 0.41, 1.7};
-  double copyOfA[3] = {0.1, 0.2, 0.3};
-  EXPECT_EQ(t.insphereexact(a, b, c, d, copyOfA), 2u);
-  EXPECT_EQ(t.insphere(a, b, c, d, copyOfA), 2.0);
+  for (const double* corner : {a, b, c, d}) {
+    double copy[3] = {corner[0], corner[1], corner[2]};
+    EXPECT_EQ(t.insphereexact(a, b, c, d, copy), 2u);
+    EXPECT_EQ(t.insphereadapt(a, b, c, d, copy, 0.0), 2u);
+    EXPECT_EQ(t.insphere(a, b, c, d, copy), 2.0);
+  }
 }
 
 namespace {
