@@ -194,6 +194,15 @@ TEST(Point3Records, DefaultsCopiesOrderAndBoxGrowth) {
   EXPECT_TRUE(box.add(std::vector<Point3>{Point3(0, 0, 0)}) && box.add(Point3(1, 1, 1)));
   EXPECT_FALSE(box.add(Point3(0.5, 0.5, 0.5)) || box.add(Point3(1, 0, 1)));
   EXPECT_TRUE(box.add(Point3(0.5, -1, 0.5)));
+  // The vector form answers whether any one of the six limits moved.
+  for (int k = 0; k < 6; ++k) {
+    Bbox3 unit;
+    unit.add(std::vector<Point3>{Point3(0, 0, 0), Point3(1, 1, 1)});
+    double c[3] = {0.5, 0.5, 0.5};
+    c[k % 3] = k < 3 ? -1.0 : 2.0;
+    EXPECT_TRUE(unit.add(std::vector<Point3>{Point3(0.5, 0.5, 0.5), Point3(c[0], c[1], c[2])})) << k;
+    EXPECT_FALSE(unit.add(std::vector<Point3>{Point3(c[0], c[1], c[2])})) << k;
+  }
 }
 
 TEST(VertexStore, WorkedKeys) {

@@ -59,6 +59,21 @@ size_t firstInsertedTwin(size_t n, size_t a, size_t b) {
 
 } // namespace
 
+// The debug driver inserts in list order, without levels: of twins 3 and 20
+// in a list of 40 (20 is the first level's midpoint) the earlier one wins.
+TEST(Levels, DebugDriverKeepsListOrder) {
+  std::vector<Point3> vRec = randomPoints(40, 77, 1.0, 30.0);
+  vRec[20] = vRec[3];
+  Point3 corners[4] = {Point3(0, 0, 0), Point3(100, 0, 0), Point3(0, 100, 0), Point3(0, 0, 100)};
+  Dt3 dt(nullptr);
+  Tet3* pFirst = dt.createTet(&corners[0], &corners[1], &corners[2], &corners[3]);
+  std::vector<Point3*> vList;
+  for (Point3& p : vRec) vList.push_back(&p);
+  const std::string banner = captured([] { fatBar("This is debug_triangulateInOrder", false, false); });
+  EXPECT_EQ(captured([&] { dt.debug_triangulateInOrder(vList, pFirst); }), banner);
+  EXPECT_TRUE(vRec[3].getOneTet() != nullptr && vRec[20].getOneTet() == nullptr);
+}
+
 TEST(Levels, MidpointsFirstThenTheRestInListOrder) {
   const auto v16 = levels(16, 0);
   ASSERT_EQ(v16.size(), 1u);

@@ -123,6 +123,15 @@ TEST(Queries, PairSharingAFacet) {
   EXPECT_TRUE(m.t1->getIntraTetIndexInOppTetForReg(m.t2, -1) == -1 && m.t1->getIntraTetIndexInOppTetForReg(m.t2, 4) == -1);
   const Facet3 f1(m.t1, i), f2(m.t2, j);
   EXPECT_TRUE(f1 == f2 && f2 == f1 && !(f1 != f2) && Facet3(m.t1, hull) != f2);
+  Point3* q[4];
+  m.t1->getCorners(q[0], q[1], q[2], q[3]);
+  EXPECT_EQ(std::vector<Point3*>(q, q + 4), cornersOf(m.t1));
+  // A facet's corners in Facet3's order see the corner off the facet on their positive side.
+  for (int f = 0; f < 4; ++f) {
+    Facet3 facet(m.t1, f);
+    for (int k = 0; k < 3; ++k) q[k] = m.t1->getCorner(facet.getIntraTetIndex(k));
+    EXPECT_GT(orient(*q[0], *q[1], *q[2], *m.t1->getCorner(f)), 0) << f;
+  }
   // Edge b-c through both tetrahedra, named by the two corners off the edge.
   const Edge3 e1(m.t1, i, m.t1->getIntraTetIndex(m.d)), e2(m.t2, j, m.t2->getIntraTetIndex(m.d));
   EXPECT_TRUE(e1 == e2 && e2 == e1 && !(e1 < e2) && !(e2 < e1) && std::set<Edge3>({e1, e2}).size() == 1);
