@@ -1693,14 +1693,10 @@ SphereInclusion ExactTest::sphereInclusionUndecided(Tet3* pTet, const Point3* pQ
   if (pTet->getCorner(0) == pQ || pTet->getCorner(1) == pQ || pTet->getCorner(2) == pQ ||
       pTet->getCorner(3) == pQ)
     return SIC_CORNER;
-  double pa[3], pb[3], pc[3], pd[3], pe[3];
-  pTet->getCorner(0)->xyz(pa[0], pa[1], pa[2]);
-  pTet->getCorner(1)->xyz(pb[0], pb[1], pb[2]);
-  pTet->getCorner(2)->xyz(pc[0], pc[1], pc[2]);
-  pTet->getCorner(3)->xyz(pd[0], pd[1], pd[2]);
-  pQ->xyz(pe[0], pe[1], pe[2]);
+  double p[5][3];
+  kernels::sphereTestCoordinates(pTet, pQ, p);
   // Class 0 is inside; 1 (outside) and 2 (on the sphere) are not.
-  return insphereadapt(pa, pb, pc, pd, pe, permanent) > 0 ? SIC_OUTSIDE : SIC_INSIDE;
+  return insphereadapt(p[0], p[1], p[2], p[3], p[4], permanent) > 0 ? SIC_OUTSIDE : SIC_INSIDE;
 }
 
 // ---------------------------------------------------------------------------

@@ -291,6 +291,14 @@ inline bool inFloorFreeRange(const Point3& p) {
   return allWithin(c, 3, 0x1p-150);
 }
 
+// The coordinates of corners 0..3 of pTet and of pQ, rows 0..4 of p: the
+// sphere test's pa, pb, pc, pd, pe.
+[[gnu::always_inline]]
+inline void sphereTestCoordinates(const Tet3* pTet, const Point3* pQ, double (&p)[5][3]) {
+  for (int i = 0; i < 4; ++i) pTet->getCorner(i)->xyz(p[i][0], p[i][1], p[i][2]);
+  pQ->xyz(p[4][0], p[4][1], p[4][2]);
+}
+
 // Whether a filter's det has a certain sign: |det| beyond errbound, the
 // published bound plus the floor. Overflow needs no test of its own: a
 // product or lift that overflowed makes the permanent infinite or NaN (the
@@ -509,15 +517,10 @@ inline Orientation3 ExactTest::orientationOfFacet(Tet3* pC, int ith, const Point
 
 template <bool bFloor>
 inline SphereInclusion ExactTest::sphereInclusion(Tet3* pTet, const Point3* pQ) const {
-  double pa[3], pb[3], pc[3], pd[3], pe[3];
-  pTet->getCorner(0)->xyz(pa[0], pa[1], pa[2]);
-  pTet->getCorner(1)->xyz(pb[0], pb[1], pb[2]);
-  pTet->getCorner(2)->xyz(pc[0], pc[1], pc[2]);
-  pTet->getCorner(3)->xyz(pd[0], pd[1], pd[2]);
-  pQ->xyz(pe[0], pe[1], pe[2]);
-
+  double p[5][3];
+  kernels::sphereTestCoordinates(pTet, pQ, p);
   double det, permanent, floor;
-  kernels::insphereFilterFastest(pa, pb, pc, pd, pe, det, permanent, floor);
+  kernels::insphereFilterFastest(p[0], p[1], p[2], p[3], p[4], det, permanent, floor);
   const double errbound = isperrboundA * permanent + (bFloor ? floor : 0.0);
   // Decided only when |det| exceeds the bound, as published.
   if (!kernels::filterDecides(det, errbound)) return sphereInclusionUndecided(pTet, pQ, permanent);
