@@ -644,8 +644,6 @@ double anyRangeSign(const ExactTest& t, PredicateKind kind, double* const* pts) 
     default: {
       double det, permanent, floor;
       kernels::insphereFilter(p[0], p[1], p[2], p[3], p[4], det, permanent, floor);
-      // In the range a zero permanent is an exact zero determinant.
-      if (permanent == 0.0) return 0.0;
       if (!kernels::filterDecides(det, t.isperrboundA * permanent + floor)) {
         const unsigned int cls = t.insphereadapt(p[0], p[1], p[2], p[3], p[4], permanent);
         det = cls == 1u ? 1.0 : (cls == 0u ? -1.0 : 0.0);
