@@ -20,6 +20,46 @@ double sumDist = 0.0;
 
 bool HC3::bFirstEnlarge = false;
 
+namespace {
+
+using KeyAndIndex = std::pair<unsigned int, unsigned long>;
+
+// Sorts by key, then by index, as std::sort on the pairs would. The pairs
+// arrive in index order, so a stable sort by key alone gives that order: a
+// least-significant-digit radix sort, three passes of 11 bits over the 32-bit
+// key, each counting and then scattering into the other buffer. Passes whose
+// digit is the same in every key are skipped. Below a few thousand pairs
+// the comparison sort is quicker than clearing the counters.
+void sortByKey(std::vector<KeyAndIndex>& v) {
+  const size_t n = v.size();
+  if (n < 4096) {
+    std::sort(v.begin(), v.end());
+    return;
+  }
+  constexpr int digitBits = 11;
+  constexpr unsigned int digitMask = (1u << digitBits) - 1;
+  std::vector<KeyAndIndex> other(n);
+  std::vector<size_t> count(std::size_t(1) << digitBits);
+  KeyAndIndex* pFrom = v.data();
+  KeyAndIndex* pTo = other.data();
+  for (int shift = 0; shift < 32; shift += digitBits) {
+    std::fill(count.begin(), count.end(), 0);
+    for (size_t i = 0; i < n; ++i) ++count[(pFrom[i].first >> shift) & digitMask];
+    if (count[(pFrom[0].first >> shift) & digitMask] == n) continue;
+    size_t sum = 0;
+    for (size_t& c : count) {
+      const size_t here = c;
+      c = sum;
+      sum += here;
+    }
+    for (size_t i = 0; i < n; ++i) pTo[count[(pFrom[i].first >> shift) & digitMask]++] = pFrom[i];
+    std::swap(pFrom, pTo);
+  }
+  if (pFrom != v.data()) std::copy(pFrom, pFrom + n, v.data());
+}
+
+} // namespace
+
 const int HC3::addVls[8][12] = {
     {0, 0, 0, 2, 4, 6, 4, 6, 2, 2, 4, 6}, {1, 7, 3, 3, 3, 5, 7, 7, 5, 1, 5, 1},
     {3, 1, 7, 1, 5, 1, 3, 5, 3, 5, 7, 7}, {2, 6, 4, 0, 2, 2, 0, 4, 4, 6, 6, 0},
@@ -129,9 +169,9 @@ void HC3::addPoints(std::vector<Point3>& vPoints, std::vector<Point3*>& vUserHan
   }
   mergeRecent();
   const size_t n = vPoints.size();
-  std::vector<std::pair<unsigned int, unsigned long>> vKeys(n);
+  std::vector<KeyAndIndex> vKeys(n);
   for (size_t i = 0; i < n; ++i) vKeys[i] = std::make_pair(iReset(vPoints[i]), static_cast<unsigned long>(i));
-  std::sort(vKeys.begin(), vKeys.end());
+  sortByKey(vKeys);
 
   vUserHandles.assign(n, nullptr);
   vNewVertices.reserve(vNewVertices.size() + n);
@@ -147,6 +187,8 @@ void HC3::addPoints(std::vector<Point3>& vPoints, std::vector<Point3*>& vUserHan
   const Func_ltIdxVtx lt;
   auto existing = vSorted.begin();
   for (size_t first = 0; first < n;) {
+    // The points are read in key order, all over the input: ask ahead.
+    if (first + 16 < n) __builtin_prefetch(&vPoints[vKeys[first + 16].second]);
     const unsigned int key = vKeys[first].first;
     size_t last = first + 1;
     while (last < n && vKeys[last].first == key) ++last;

@@ -304,6 +304,34 @@ TEST(VertexStore, DuplicatesCollapseAndEveryInputGetsItsHandle) {
   EXPECT_EQ(empty.getCloseTet(vAgain[1]), nullptr);
 }
 
+// A bulk input large enough for the store's radix sort: points all over the
+// box, exact copies and points a few steps apart within one key's cell. The
+// new vertices come by key and, within a key, by input order, and each input
+// gets the vertex of its first copy.
+TEST(VertexStore, LargeInputKeepsKeyThenInputOrder) {
+  HC3 h(27);
+  std::mt19937_64 rng(7);
+  std::uniform_real_distribution<double> coord(-3.0, 5.0);
+  std::vector<Point3> vPoints;
+  for (int i = 0; i < 9000; ++i) {
+    if (i % 5 == 4) vPoints.push_back(vPoints[rng() % vPoints.size()]);
+    else if (i % 5 == 3) vPoints.push_back(Point3(vPoints[i - 1].x(), vPoints[i - 1].y(), std::nextafter(vPoints[i - 1].z(), 9.0)));
+    else vPoints.emplace_back(coord(rng), coord(rng), coord(rng));
+  }
+  std::vector<Point3*> vHandles, vNew;
+  h.addPoints(vPoints, vHandles, vNew);
+  std::map<std::array<double, 3>, size_t> firstCopy;
+  std::vector<std::pair<unsigned int, size_t>> vWant;
+  for (size_t i = 0; i < vPoints.size(); ++i) {
+    const auto it = firstCopy.emplace(std::array<double, 3>{vPoints[i].x(), vPoints[i].y(), vPoints[i].z()}, i).first;
+    EXPECT_EQ(vHandles[i], vHandles[it->second]);
+    if (it->second == i) vWant.emplace_back(h.iReset(vPoints[i]), i);
+  }
+  std::stable_sort(vWant.begin(), vWant.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+  ASSERT_EQ(vNew.size(), vWant.size());
+  for (size_t k = 0; k < vNew.size(); ++k) ASSERT_EQ(vNew[k], vHandles[vWant[k].second]) << k;
+}
+
 TEST(VertexStore, SmallFirstMarginOncePerProcess) { EXPECT_IN_FRESH_PROCESS(firstMarginIsSmallOnlyOnce()); }
 
 TEST(VertexStore, InvalidBitLengthIsFatal) {
