@@ -1676,12 +1676,9 @@ double ExactTest::insphere(double* pa, double* pb, double* pc, double* pd, doubl
 
 double ExactTest::orientationUndecided(const Point3* a, const Point3* b, const Point3* c,
                                        const Point3* d, double permanent) const {
-  double pa[3], pb[3], pc[3], pd[3];
-  a->xyz(pa[0], pa[1], pa[2]);
-  b->xyz(pb[0], pb[1], pb[2]);
-  c->xyz(pc[0], pc[1], pc[2]);
-  d->xyz(pd[0], pd[1], pd[2]);
-  return orient3dUndecided(pa, pb, pc, pd, permanent);
+  double p[4][3];
+  kernels::orientationTestCoordinates(a, b, c, d, p);
+  return orient3dUndecided(p[0], p[1], p[2], p[3], permanent);
 }
 
 // A query with the coordinates of a corner zeroes a row of the determinant,

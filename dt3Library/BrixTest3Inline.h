@@ -291,6 +291,17 @@ inline bool inFloorFreeRange(const Point3& p) {
   return allWithin(c, 3, 0x1p-150);
 }
 
+// The coordinates of a, b, c, d, rows 0..3 of p: the orientation test's
+// pa, pb, pc, pd.
+[[gnu::always_inline]]
+inline void orientationTestCoordinates(const Point3* a, const Point3* b, const Point3* c,
+                                       const Point3* d, double (&p)[4][3]) {
+  a->xyz(p[0][0], p[0][1], p[0][2]);
+  b->xyz(p[1][0], p[1][1], p[1][2]);
+  c->xyz(p[2][0], p[2][1], p[2][2]);
+  d->xyz(p[3][0], p[3][1], p[3][2]);
+}
+
 // The coordinates of corners 0..3 of pTet and of pQ, rows 0..4 of p: the
 // sphere test's pa, pb, pc, pd, pe.
 [[gnu::always_inline]]
@@ -485,14 +496,10 @@ inline void insphereFilterFastest(const double* pa, const double* pb, const doub
 template <bool bFloor>
 inline Orientation3 ExactTest::orientationOf(const Point3* a, const Point3* b, const Point3* c,
                                              const Point3* d) const {
-  double pa[3], pb[3], pc[3], pd[3];
-  a->xyz(pa[0], pa[1], pa[2]);
-  b->xyz(pb[0], pb[1], pb[2]);
-  c->xyz(pc[0], pc[1], pc[2]);
-  d->xyz(pd[0], pd[1], pd[2]);
-
+  double p[4][3];
+  kernels::orientationTestCoordinates(a, b, c, d, p);
   double det, permanent, floor;
-  kernels::orient3dFilter(pa, pb, pc, pd, det, permanent, floor);
+  kernels::orient3dFilter(p[0], p[1], p[2], p[3], det, permanent, floor);
   const double errbound = o3derrboundA * permanent + (bFloor ? floor : 0.0);
   // Without underflow a zero permanent is an exact zero of every term.
   if (!kernels::filterDecides(det, errbound) && (bFloor || permanent != 0.0))
