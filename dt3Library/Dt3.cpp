@@ -21,10 +21,10 @@
 #include <cstdint>
 #include <iostream>
 #include <set>
+#include <sstream>
 
 #include "BrixTest3Inline.h"
 #include "Surface3.h"
-#include "Velm_3D.h"
 #include "Visualizer3.h"
 
 namespace VELM3D {
@@ -41,7 +41,8 @@ const int nextFacetIndex[4] = {1, 2, 3, 0};
 
 Dt3::Dt3(Velm_3D* pInterface_)
     : numStoredTCS(0), bFullDimensional(false), hc3(27), pInterface(pInterface_), bVerbose(false),
-      pProgress(nullptr), pProgressUser(nullptr), bFloorFreeRange(true) {
+      pProgress(nullptr), pProgressUser(nullptr), bFloorFreeRange(true),
+      bVerticesWaiting(false) {
   vTcsTable.assign(1024, nullptr);
   poolTwoTet.init(1024, 512);
   poolTet.init(28, -1);
@@ -91,6 +92,7 @@ void Dt3::insertVector(std::vector<Point3>& vPoints, std::vector<Point3*>& vUser
     triangulateList(vNewVertices, hc3.getCloseTet(vNewVertices[0]), true);
     return;
   }
+  bVerticesWaiting = true;
   Tet3* pFirstTet = createInitialTet();
   if (pFirstTet == nullptr) return;
   if (hc3.getNumStoredVtx() == n) {
@@ -100,7 +102,42 @@ void Dt3::insertVector(std::vector<Point3>& vPoints, std::vector<Point3*>& vUser
     hc3.getVertices(vAll);
     std::vector<Point3*>().swap(vNewVertices);
     triangulateList(vAll, pFirstTet, true);
+    bVerticesWaiting = false;
   }
+}
+
+void Dt3::insertRows(const double* pXyz, size_t numRows, std::vector<Point3*>& vUserHandles) {
+  vUserHandles.clear();
+  if (numRows == 0) return;
+  std::vector<Point3> vPoints;
+  vPoints.reserve(numRows);
+  for (size_t i = 0; i < numRows; ++i) {
+    vPoints.emplace_back(pXyz[3 * i], pXyz[3 * i + 1], pXyz[3 * i + 2]);
+    bFloorFreeRange = bFloorFreeRange && kernels::inFloorFreeRange(vPoints.back());
+  }
+  std::vector<Point3*> vNewVertices;
+  hc3.addPoints(vPoints, vUserHandles, vNewVertices);
+  std::vector<Point3>().swap(vPoints);
+
+  Tet3* pStart = nullptr;
+  if (!bFullDimensional) {
+    bVerticesWaiting = true;
+    pStart = createInitialTet();
+    if (pStart == nullptr) return;
+  }
+  if (bVerticesWaiting) {
+    // Earlier calls left vertices outside the mesh: all of them go in with
+    // the new ones, in the store's curve order.
+    std::vector<Point3*> vAll;
+    hc3.getVertices(vAll);
+    vNewVertices.clear();
+    for (Point3* pVtx : vAll)
+      if (pVtx->getOneTet() == nullptr) vNewVertices.push_back(pVtx);
+    bVerticesWaiting = false;
+  }
+  if (vNewVertices.empty()) return;
+  if (pStart == nullptr) pStart = hc3.getCloseTet(vNewVertices[0]);
+  triangulateList(vNewVertices, pStart, true);
 }
 
 Point3* Dt3::insert(Point3& p) {
@@ -116,6 +153,7 @@ Point3* Dt3::insert(Point3& p) {
     insertVertex(pVtx, pLastTet);
     return pVtx;
   }
+  bVerticesWaiting = true;
   Tet3* pFirstTet = createInitialTet();
   if (pFirstTet != nullptr && hc3.getNumStoredVtx() >= 5) {
     // Deliberately empty: the other stored vertices stay outside the mesh,
@@ -236,8 +274,10 @@ void Dt3::triangulateList(std::vector<Point3*>& vVertices, Tet3* pLastTet, bool 
   // vertices inserted so far, so that stopping there is safe.
   unsigned long numDone = 0;
   const auto bStop = [&]() {
-    return pProgress != nullptr && ++numDone % numInsertionsPerReport == 0 &&
-           !pProgress(pProgressUser, numDone, n);
+    if (pProgress == nullptr || ++numDone % numInsertionsPerReport != 0 || pProgress(pProgressUser, numDone, n))
+      return false;
+    bVerticesWaiting = true;
+    return true;
   };
   Tet3* pCur = pLastTet;
   for (int k = 0; k <= numLevels; ++k) {
@@ -265,8 +305,20 @@ Tet3* Dt3::locate(Point3 p) {
   Tet3* pTet = hc3.getCloseTet(p);
   if (pTet == nullptr) return nullptr;
   const int locateResult = locateConflictTet(&p, pTet);
-  if (locateResult == -1 || locateResult == -2) return pTet;
+  if (locateResult == locateInConflict || locateResult == locateOnVertex) return pTet;
   return nullptr;
+}
+
+Tet3* Dt3::findTetContaining(const Point3& p, Tet3* pHint) {
+  if (!bFullDimensional) return nullptr;
+  Point3 q(p.x(), p.y(), p.z());
+  Tet3* pTet = pHint != nullptr ? pHint : hc3.getCloseTet(q);
+  const int locateResult = locateConflictTet(&q, pTet);
+  if (locateResult == locateInConflict || locateResult == locateOnVertex) return pTet;
+  VELM_ASSERT(locateResult!=locateStepLimit);
+  // The walk stopped at hull facet locateResult: q lies beyond it, or in its
+  // plane and then in its closed triangle.
+  return predicates.getOrientation3(pTet, locateResult, &q) == ORI3_ZERO ? pTet : nullptr;
 }
 
 void Dt3::insertPendingPoints() { fatBar("Dt3::insertPendingPoints() is currently not active", false, false); }
@@ -280,10 +332,11 @@ Point3* Dt3::createPendingVertex(double, double, double) {
 // Point location: a visibility walk by exact orientation tests that never
 // tests the facet through which it entered a tetrahedron.
 //
-// Results: -1 the point is in pStartTet and in conflict with it; -2 a corner
-// of pStartTet has the point's coordinates; 0..3 a hull facet of pStartTet
-// that the point lies beyond, or in whose closed triangle it lies; -99 the
-// step limit ran out.
+// Results: locateInConflict (-1) the point is in pStartTet and in conflict
+// with it; locateOnVertex (-2) a corner of pStartTet has the point's
+// coordinates; 0..3 a hull facet of pStartTet that the point lies beyond, or
+// in whose closed triangle it lies; locateStepLimit (-99) the step limit ran
+// out.
 
 inline Orientation3 Dt3::facetOrientation(Tet3* pTet, int ith, const Point3* pVtx, bool bInRange) const {
   // The floored form is the rare one and stays out of line, so that the
@@ -298,7 +351,7 @@ inline SphereInclusion Dt3::sphereInclusion(Tet3* pTet, const Point3* pVtx) cons
 int Dt3::locateConflictTet(Point3* pVtx, Tet3*& pStartTet) {
   if (pStartTet == nullptr) {
     goToHell("locateConflictTet");
-    return -99;
+    return locateStepLimit;
   }
   // A query of locate need not be stored: it must be in the range too.
   const bool bInRange = bFloorFreeRange && kernels::inFloorFreeRange(*pVtx);
@@ -312,7 +365,7 @@ int Dt3::locateConflictTet(Point3* pVtx, Tet3*& pStartTet) {
       Tet3* pNeigh = pStartTet->getOppTet(rand() % 4);
       if (pNeigh != nullptr) pStartTet = pNeigh;
       std::cout << "watchDog: bad point" << std::endl;
-      return -99;
+      return locateStepLimit;
     }
     ++numSteps;
     const Orientation3 ori = facetOrientation(pStartTet, ith, pVtx, bInRange);
@@ -337,7 +390,7 @@ int Dt3::locateConflictTet(Point3* pVtx, Tet3*& pStartTet) {
       VELM_ASSERT(predicates.getOrientation3(pStartTet,2,pVtx)==ORIENTATION3_POSITIVE);
       VELM_ASSERT(predicates.getOrientation3(pStartTet,3,pVtx)==ORIENTATION3_POSITIVE);
       VELM_ASSERT(predicates.sphereInclusionTest(pStartTet,pVtx)==SIC_INSIDE);
-      return -1;
+      return locateInConflict;
     }
   }
 }
@@ -349,7 +402,7 @@ int Dt3::locateConflictTet(Point3* pVtx, Tet3*& pStartTet) {
 // on an edge, round which the walk circulates until the edge closes (an
 // inner edge) or reaches the hull.
 int Dt3::coplanarCase(Point3* pVtx, Tet3*& pStartTet, int ith, bool bInRange) {
-  if (pStartTet->hasVertex(*pVtx)) return -2;
+  if (pStartTet->hasVertex(*pVtx)) return locateOnVertex;
   int numPositive = 0, numNegative = 0, numCoplanar = 0;
   int outIndex = -1, opp2ICI = -1;
   for (int k = 0; k < 4; ++k) {
@@ -374,7 +427,7 @@ int Dt3::coplanarCase(Point3* pVtx, Tet3*& pStartTet, int ith, bool bInRange) {
   TetAroundEdgeIterator it(startEdge);
   while (it.getTet()->getOppTet(it.getOpp2Index()) != nullptr) {
     ++it;
-    if (it.getEdge() == startEdge && it.getTet() == startEdge.getTet()) return -1;
+    if (it.getEdge() == startEdge && it.getTet() == startEdge.getTet()) return locateInConflict;
   }
   pStartTet = it.getTet();
   outIndex = it.getOpp2Index();
@@ -431,7 +484,7 @@ Tet3* Dt3::insertVertex(Point3*& pVtx, Tet3* pCurTet) {
   poolTwoTet.reset();
 
   const int locateResult = locateConflictTet(pVtx, pCurTet);
-  if (locateResult == -2) return duplicateInsertCheck(pVtx, pCurTet, locateResult);
+  if (locateResult == locateOnVertex) return duplicateInsertCheck(pVtx, pCurTet, locateResult);
   VELM_ASSERT(locateResult!=-99);
   if (locateResult >= 0) {
     Tet3* pRet = ch_insertVertex(pVtx, pCurTet, locateResult);
@@ -519,13 +572,6 @@ void Dt3::tcsReset() {
   vHashCollisions.clear();
   poolTwoTet.reset();
   numStoredTCS = 0;
-}
-
-bool Dt3::isRegistryEmpty() const {
-  if (numStoredTCS != 0 || !vHashCollisions.empty()) return false;
-  for (const TwoTetStruct* pEntry : vTcsTable)
-    if (pEntry != nullptr) return false;
-  return true;
 }
 
 // ---------------------------------------------------------------------------
@@ -689,6 +735,11 @@ Tet3* Dt3::duplicateInsertCheck(Point3*& pVtx, Tet3* pCurTet, int locateResult) 
 
 void Dt3::getAllTetrahedra(std::vector<Tet3*>& vTet) {
   VELM_ASSERT(vTet.empty());
+  collectTets(vTet);
+  if (vTet.empty()) std::cout << "Dt3::getAllTetrahedra(), oneTet==NULL" << std::endl;
+}
+
+void Dt3::collectTets(std::vector<Tet3*>& vTet) const {
   std::vector<Point3*> vVertices;
   hc3.getVertices(vVertices);
   Tet3* pSeed = nullptr;
@@ -699,10 +750,7 @@ void Dt3::getAllTetrahedra(std::vector<Tet3*>& vTet) {
       break;
     }
   }
-  if (pSeed == nullptr) {
-    std::cout << "Dt3::getAllTetrahedra(), oneTet==NULL" << std::endl;
-    return;
-  }
+  if (pSeed == nullptr) return;
   BRIX_TOOLS::PoolRecordSet<Tet3> sSeen(poolTet);
   std::vector<Tet3*> vWork;
   vWork.push_back(pSeed);
@@ -768,6 +816,83 @@ void Dt3::getIncidentTetrahera(Point3* pVtx, std::vector<Tet3*>& vTet) {
 // on request, the empty-sphere property. Stops at the first fault and leaves
 // a Geomview picture of it.
 
+MeshFault Dt3::findFault(bool bCheckVisited, bool bCheckSphereInc, bool bComplete) const {
+  std::vector<Tet3*> vTets;
+  collectTets(vTets);
+  MeshFault fault;
+  const auto found = [&](MeshFault::Kind kind, Tet3* pTet, int ith, Point3* pVtx) {
+    fault.kind = kind;
+    fault.pTet = pTet;
+    fault.ith = ith;
+    fault.pVtx = pVtx;
+    return fault;
+  };
+  for (Tet3* pTet : vTets) {
+    if (bCheckVisited && pTet->hasBeenVisited) return found(MeshFault::VISITED, pTet, -1, nullptr);
+    if (bComplete) {
+      fault.ori = predicates.getOrientation3(pTet->getCorner(0), pTet->getCorner(1), pTet->getCorner(2),
+                                             pTet->getCorner(3));
+      if (fault.ori != ORIENTATION3_POSITIVE) return found(MeshFault::NOT_POSITIVE, pTet, -1, nullptr);
+    }
+    for (int i = 0; i < 4; ++i) {
+      const Tet3* pOpp = pTet->getOppTet(i);
+      if (pOpp == nullptr) continue;
+      int j = 0;
+      while (j < 4 && pOpp->getOppTet(j) != pTet) ++j;
+      if (j == 4) return found(MeshFault::ONE_WAY_LINK, pTet, i, nullptr);
+      Point3* pOppVtx = pOpp->getCorner(j);
+      if (bComplete)
+        for (int k = 0; k < 3; ++k)
+          if (!pTet->hasVertex(pOpp->getCorner(Tet3::facetIndices[j][k])))
+            return found(MeshFault::FACET_MISMATCH, pTet, i, pOppVtx);
+      fault.ori = predicates.getOrientation3(pTet, i, pOppVtx);
+      if (fault.ori != ORIENTATION3_NEGATIVE) return found(MeshFault::SIDE, pTet, i, pOppVtx);
+      if (bCheckSphereInc && predicates.sphereInclusionTest(pTet, pOppVtx) == SIC_INSIDE)
+        return found(MeshFault::SPHERE, pTet, i, pOppVtx);
+    }
+  }
+  if (bComplete) {
+    // vTets is in ascending address order.
+    std::vector<Point3*> vVertices;
+    hc3.getVertices(vVertices);
+    for (Point3* pVtx : vVertices) {
+      Tet3* pOne = pVtx->getOneTet();
+      if (pOne == nullptr || !pOne->hasVertex(pVtx) || !std::binary_search(vTets.begin(), vTets.end(), pOne))
+        return found(MeshFault::VERTEX_OUT, pOne, -1, pVtx);
+    }
+  }
+  fault.ori = ORIENTATION3_POSITIVE;
+  return fault;
+}
+
+std::string MeshFault::describe() const {
+  static const char* const aKindText[] = {"no fault",
+                                          "a live tetrahedron is marked visited",
+                                          "the neighbour does not link back",
+                                          "the neighbour shares other corners",
+                                          "the neighbour's vertex is not beyond the facet",
+                                          "a vertex lies inside the circumsphere",
+                                          "the corners are not in positive order",
+                                          "a stored vertex is not in the mesh"};
+  std::ostringstream oss;
+  oss.precision(17);
+  oss << aKindText[kind];
+  if (pTet != nullptr) {
+    oss << ": tetrahedron " << pTet->getLabel();
+    for (int i = 0; i < 4; ++i) {
+      const Point3* pCorner = pTet->getCorner(i);
+      oss << (i == 0 ? " (" : ", ") << pCorner->x() << " " << pCorner->y() << " " << pCorner->z();
+    }
+    oss << ")";
+  }
+  if (ith >= 0) oss << ", facet " << ith;
+  if (pVtx != nullptr) oss << ", vertex (" << pVtx->x() << " " << pVtx->y() << " " << pVtx->z() << ")";
+  return oss.str();
+}
+
+// The report of each fault on the console, as the self-test has always given
+// it; the search is findFault's. A neighbour that does not link back ends the
+// process in getOppVtxInOppTet, where the broken link shows.
 bool Dt3::checkValidity(const std::string& where, bool bCheckVisited, bool bCheckSphereInc) {
   std::vector<Tet3*> vTets;
   getAllTetrahedra(vTets);
@@ -777,41 +902,42 @@ bool Dt3::checkValidity(const std::string& where, bool bCheckVisited, bool bChec
   std::cout << (bCheckSphereInc ? "   with --checkSphereInc" : "   without --checkSphereInc") << std::endl;
   std::cout << "   vTets.size()=" << vTets.size() << std::endl;
 
-  for (Tet3* pCurTet : vTets) {
-    if (bCheckVisited && pCurTet->hasBeenVisited) {
-      error("Dt3::CheckValidity()", "pcurrentTet->hasBeenvisited=true");
-      std::cout << *pCurTet << std::endl;
-      VELM_ASSERT(false);
-    }
-    for (int i = 0; i < 4; ++i) {
-      Point3* pOppVtx = pCurTet->getOppVtxInOppTet(i, true);
-      if (pOppVtx == nullptr) continue;
-      const Orientation3 ori = predicates.getOrientation3(pCurTet, i, pOppVtx);
-      if (ori != ORIENTATION3_NEGATIVE) {
-        fatBar("ERROR: checkValidity at [" + where + "]", false, false);
-        std::cout << "Dt3::checkValidity, HUH, vertex " << static_cast<void*>(pOppVtx)
-                  << " should be on the negative side, tet=" << std::endl;
-        std::cout << *pCurTet << "oppIndex=" << i << ", Vertex=" << static_cast<void*>(pOppVtx) << "="
-                  << *pOppVtx << std::endl;
-        showOrientation(ori, "checkValidity");
-        show(globalPrefix() + "negSideBug.list", pOppVtx);
-        return false;
-      }
-      if (bCheckSphereInc && predicates.sphereInclusionTest(pCurTet, pOppVtx) == SIC_INSIDE) {
-        fatBar("checkValidity: ERROR ERROR ERROR", false, false);
-        std::cout << "Dt3::checkValidity, HUH - sphereIncTest failed: " << std::endl;
-        std::cout << *pCurTet << ", Vertex=" << static_cast<void*>(pOppVtx) << "=" << *pOppVtx << std::endl;
-        Visualizer3 vis(globalPrefix() + "sphereIncBug.list");
-        vis.writeTetrahedron(pCurTet, "1 0 0 0.5");
-        vis.writePoint(*pOppVtx, 8, Visualizer3::CWHITE);
-        const Point3 center(pCurTet->getCircumcenter());
-        const Point3* p0 = pCurTet->getCorner(0);
-        const double dx = center.x() - p0->x(), dy = center.y() - p0->y(), dz = center.z() - p0->z();
-        vis.writeBall(center, dx * dx + dy * dy + dz * dz, true);
-        vis.closeFile();
-        return false;
-      }
-    }
+  const MeshFault fault = findFault(bCheckVisited, bCheckSphereInc, false);
+  Tet3* pCurTet = fault.pTet;
+  Point3* pOppVtx = fault.pVtx;
+  switch (fault.kind) {
+  case MeshFault::VISITED:
+    error("Dt3::CheckValidity()", "pcurrentTet->hasBeenvisited=true");
+    std::cout << *pCurTet << std::endl;
+    VELM_ASSERT(false);
+    return false;
+  case MeshFault::ONE_WAY_LINK:
+    pCurTet->getOppVtxInOppTet(fault.ith, true);
+    return false;
+  case MeshFault::SIDE:
+    fatBar("ERROR: checkValidity at [" + where + "]", false, false);
+    std::cout << "Dt3::checkValidity, HUH, vertex " << static_cast<void*>(pOppVtx)
+              << " should be on the negative side, tet=" << std::endl;
+    std::cout << *pCurTet << "oppIndex=" << fault.ith << ", Vertex=" << static_cast<void*>(pOppVtx) << "="
+              << *pOppVtx << std::endl;
+    showOrientation(fault.ori, "checkValidity");
+    show(globalPrefix() + "negSideBug.list", pOppVtx);
+    return false;
+  case MeshFault::SPHERE: {
+    fatBar("checkValidity: ERROR ERROR ERROR", false, false);
+    std::cout << "Dt3::checkValidity, HUH - sphereIncTest failed: " << std::endl;
+    std::cout << *pCurTet << ", Vertex=" << static_cast<void*>(pOppVtx) << "=" << *pOppVtx << std::endl;
+    Visualizer3 vis(globalPrefix() + "sphereIncBug.list");
+    vis.writeTetrahedron(pCurTet, "1 0 0 0.5");
+    vis.writePoint(*pOppVtx, 8, Visualizer3::CWHITE);
+    const Point3 center(pCurTet->getCircumcenter());
+    const Point3* p0 = pCurTet->getCorner(0);
+    const double dx = center.x() - p0->x(), dy = center.y() - p0->y(), dz = center.z() - p0->z();
+    vis.writeBall(center, dx * dx + dy * dy + dz * dz, true);
+    vis.closeFile();
+    return false;
+  }
+  default: break;
   }
   std::cout << greenString("** CheckValidity at (" + where + ") has been finished, seems OK", 0) << std::endl
             << std::endl;

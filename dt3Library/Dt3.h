@@ -39,6 +39,37 @@ namespace VELM3D {
 class Velm_3D;
 class Surface3;
 
+// What the walk of locateConflictTet answers besides a hull facet index 0..3.
+constexpr int locateInConflict = -1; // strictly inside pStartTet, in conflict with it
+constexpr int locateOnVertex = -2;   // a corner of pStartTet has the point's coordinates
+constexpr int locateStepLimit = -99; // the walk's watchdog ran out of steps
+
+// The first fault that Dt3::findFault meets, or kind NONE. pTet is the
+// tetrahedron that shows it; ith its facet where the fault is one of a facet
+// (-1 otherwise); pVtx the vertex concerned (null where none is).
+struct MeshFault {
+  enum Kind {
+    NONE,
+    VISITED,        // a live tetrahedron carries the retirement mark
+    ONE_WAY_LINK,   // the neighbour across facet ith does not link back
+    FACET_MISMATCH, // ... or does, but not with the three corners of facet ith
+    SIDE,           // the neighbour's vertex pVtx is not strictly beyond facet ith
+    SPHERE,         // pVtx lies strictly inside the circumsphere of pTet
+    NOT_POSITIVE,   // the corners of pTet are not in positive order
+    VERTEX_OUT      // the stored vertex pVtx is not a corner of a live tetrahedron
+  };
+  Kind kind = NONE;
+  Tet3* pTet = nullptr;
+  int ith = -1;
+  Point3* pVtx = nullptr;
+  Orientation3 ori = ORIENTATION3_POSITIVE; // the answer of the failed orientation test
+
+  explicit operator bool() const { return kind != NONE; }
+  // One line: the kind in words, the tetrahedron's label and corners, the
+  // facet and the vertex's coordinates.
+  std::string describe() const;
+};
+
 // One open facet of the insertion at work: a tetrahedron and the index of a
 // facet that waits for its partner. The facet is named by its two vertices
 // other than the new vertex, lower address first.
@@ -111,6 +142,18 @@ public:
   }
   void debug_triangulateInOrder(std::vector<Point3*>& vVertices, Tet3* pLastTet);
   Tet3* locate(Point3 p);
+  // A live tetrahedron whose closed set holds p (a point on a facet, an
+  // edge or a vertex of the hull counts as inside), null outside the convex
+  // hull or before the first tetrahedron. The walk starts at pHint when it
+  // is given (a live tetrahedron near p: the answer for the previous query
+  // of a batch in curve order), else at the store's close tetrahedron.
+  Tet3* findTetContaining(const Point3& p, Tet3* pHint = nullptr);
+  // Stores the numRows points of the row-major array pXyz (x, y, z per row)
+  // and inserts every stored vertex that is not yet in the mesh, whichever
+  // call stored it, as soon as the points span space. vUserHandles gets the
+  // stored vertex of each row, at the row's index. Unlike insertVector, no
+  // stored vertex is ever left waiting once the mesh is full dimensional.
+  void insertRows(const double* pXyz, size_t numRows, std::vector<Point3*>& vUserHandles);
   void insertPendingPoints();
   Point3* createPendingVertex(double x, double y, double z);
 
@@ -147,23 +190,28 @@ public:
   void getTetsAroundVertex(Point3* pVtx, std::vector<Tet3*>& vTet);
   void getIncidentTetrahera(Point3* pVtx, std::vector<Tet3*>& vTet);
   bool checkValidity(const std::string& where, bool bCheckVisited, bool bCheckSphereInc);
+  // The quiet self-test: the first fault of the mesh, or kind NONE; prints
+  // nothing, writes nothing, changes nothing. Every live tetrahedron is
+  // visited in the order of getAllTetrahedra and its facets 0..3 in turn:
+  // the visited mark (bCheckVisited), the neighbour linking back, its vertex
+  // strictly beyond the facet and, with bCheckSphereInc, not strictly inside
+  // the circumsphere; checkValidity reports what this finds. bComplete adds
+  // the positive order of each tetrahedron's corners, the neighbour sharing
+  // the facet's three corners, and that every stored vertex is a corner of a
+  // live tetrahedron (which a mesh built by single insertions need not
+  // satisfy, since those can leave vertices waiting).
+  MeshFault findFault(bool bCheckVisited, bool bCheckSphereInc, bool bComplete) const;
   void print(const std::string& name);
   void show(const std::string& filename, Point3* pVtx);
   void showOrientation(Orientation3 ori, const std::string& s);
 
   Surface3* createEmptySurface();
 
-  // Inspection, for tests and statistics.
-  const HC3& getStore() const { return hc3; }
-  HC3& getStore() { return hc3; }
-  const ExactTest& getPredicates() const { return predicates; }
-  const std::vector<Tet3*>& getDoomed() const { return vDoomed; }
-  const std::vector<Tet3*>& getDoomedPrev() const { return vDoomedPrev; }
-  int getNumStoredTCS() const { return numStoredTCS; }
-  size_t getNumHashCollisions() const { return vHashCollisions.size(); }
-  bool isRegistryEmpty() const;
 
 private:
+  // Every live tetrahedron, by a walk from the first stored vertex that has
+  // one, appended in ascending address order; nothing when there is none.
+  void collectTets(std::vector<Tet3*>& vTet) const;
   // triangulate; with bConsume, vVertices is released once split into levels.
   void triangulateList(std::vector<Point3*>& vVertices, Tet3* pLastTet, bool bConsume);
   // Takes a fresh record from the pool (when no retired one is waiting).
@@ -216,6 +264,10 @@ private:
   // InRange forms, which skip the floor for underflow. Cleared for good by
   // the first point outside.
   bool bFloorFreeRange;
+  // Whether some stored vertex may be outside the mesh (stored before the
+  // first tetrahedron, left out by insert or insertVector, or not reached
+  // after a stop); insertRows then takes them all in.
+  bool bVerticesWaiting;
 };
 
 // The registry's two hot operations, inlined into the insertion.

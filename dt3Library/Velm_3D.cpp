@@ -52,6 +52,11 @@ void Velm_3D::insert(std::vector<Point3>& vInput, std::vector<Point3*>& vUserHan
   pDt3->insertVector(vInput, vUserHandles);
 }
 
+void Velm_3D::insertRows(const double* pXyz, size_t numRows, std::vector<Point3*>& vUserHandles) {
+  pDt3->insertRows(pXyz, numRows, vUserHandles);
+}
+void Velm_3D::setProgressCallback(Dt3::ProgressCallback f, void* pUser) { pDt3->setProgressCallback(f, pUser); }
+
 void Velm_3D::getVertices(std::vector<Point3*>& vVtx) const { pDt3->getVertexPointers(vVtx); }
 void Velm_3D::getTetrahedra(std::vector<Tet3*>& vTet) const { pDt3->getAllTetrahedra(vTet); }
 void Velm_3D::getTetsAroundVertex(Point3* pVtx, std::vector<Tet3*>& vTet) {
@@ -63,6 +68,10 @@ Tet3* Velm_3D::locate(const Point3& p) {
   Point3 q(p);
   return pDt3->locate(q);
 }
+
+Tet3* Velm_3D::findTetContaining(const Point3& p, Tet3* pHint) { return pDt3->findTetContaining(p, pHint); }
+
+MeshFault Velm_3D::findFault(bool bComplete) const { return pDt3->findFault(true, true, bComplete); }
 
 bool Velm_3D::checkValidity(const std::string& where, bool bCheckSphereInc) {
   return pDt3->checkValidity(where, true, bCheckSphereInc);

@@ -52,13 +52,29 @@ public:
   // point at the input point's position.
   void insert(std::vector<Point3>& vInput, std::vector<Point3*>& vUserHandles);
 
+  // Stores the numRows points of the row-major array pXyz (x, y, z per row)
+  // and triangulates every stored vertex that is not yet in the mesh, also
+  // those an earlier call left waiting; vUserHandles comes back with the
+  // stored vertex of each row. Prints nothing.
+  void insertRows(const double* pXyz, size_t numRows, std::vector<Point3*>& vUserHandles);
+  // Progress and interruption of a bulk insertion (see Dt3::ProgressCallback).
+  void setProgressCallback(Dt3::ProgressCallback f, void* pUser);
+
   void getVertices(std::vector<Point3*>& vVtx) const;
   void getTetrahedra(std::vector<Tet3*>& vTet) const;
   void getTetsAroundVertex(Point3* pVtx, std::vector<Tet3*>& vTet);
   bool is3D() const;
   Tet3* locate(const Point3& p);
+  // A tetrahedron whose closed set holds p: a point on the hull counts as
+  // inside; null outside the hull. pHint: a live tetrahedron near p, such as
+  // the answer for the previous point of a batch ordered along a curve.
+  Tet3* findTetContaining(const Point3& p, Tet3* pHint = nullptr);
 
   bool checkValidity(const std::string& where, bool bCheckSphereInc);
+  // The same exact tests without a word on the console or a file: the first
+  // fault, or kind NONE. bComplete adds the corners' order, the shared
+  // facets and that every stored vertex is in the mesh (see Dt3::findFault).
+  MeshFault findFault(bool bComplete) const;
   void print(const std::string& name);
   void show(const std::string& name, Point3* pVtx);
 

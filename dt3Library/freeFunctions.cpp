@@ -53,7 +53,14 @@ void info(const std::string& title, const std::string& msg) {
   }
 }
 
+namespace {
+thread_local std::string lastAssertionReport;
+} // namespace
+
+const std::string& VelmException::lastReport() { return lastAssertionReport; }
+
 void velmAssertionFailed(const char* expression, const char* file, int line) {
+  lastAssertionReport = std::string("Condition [ ") + expression + " failed ] at " + file + ":" + std::to_string(line);
   error("Velm, ", std::string("Condition [ ") + expression + " failed ]");
   std::cout << "      " << file << ":" << line << std::endl;
   throw VelmException();

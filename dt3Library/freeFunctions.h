@@ -17,11 +17,16 @@
 #include <string>
 
 // The only exception the library throws on purpose. It carries no data: the
-// failed condition has already been printed when it is thrown.
+// failed condition has already been printed when it is thrown, and
+// lastReport keeps it for a caller that shows no console.
 class VelmException : public std::exception {
 public:
   ~VelmException() override;
   const char* what() const noexcept override;
+  // The last assertion report of the calling thread, on one line and without
+  // colour: "Condition [ <condition> failed ] at <file>:<line>"; empty when
+  // the thread has made none.
+  static const std::string& lastReport();
 };
 
 std::string redString(const std::string& s, int mode = 0);
