@@ -124,8 +124,11 @@ void Dt3::insertRows(const double* pXyz, size_t numRows, std::vector<Point3*>& v
     bVerticesWaiting = true;
     pStart = createInitialTet();
     if (pStart == nullptr) return;
-  }
-  if (bVerticesWaiting) {
+    // Every stored vertex goes in, in the store's curve order; the first
+    // tetrahedron's corners meet themselves as duplicates.
+    vNewVertices.clear();
+    hc3.getVertices(vNewVertices);
+  } else if (bVerticesWaiting) {
     // Earlier calls left vertices outside the mesh: all of them go in with
     // the new ones, in the store's curve order.
     std::vector<Point3*> vAll;
@@ -133,8 +136,8 @@ void Dt3::insertRows(const double* pXyz, size_t numRows, std::vector<Point3*>& v
     vNewVertices.clear();
     for (Point3* pVtx : vAll)
       if (pVtx->getOneTet() == nullptr) vNewVertices.push_back(pVtx);
-    bVerticesWaiting = false;
   }
+  bVerticesWaiting = false;
   if (vNewVertices.empty()) return;
   if (pStart == nullptr) pStart = hc3.getCloseTet(vNewVertices[0]);
   triangulateList(vNewVertices, pStart, true);

@@ -1,8 +1,9 @@
 // velm3d_core.cpp: the extension module velm3d._core, the link between
-// NumPy arrays and one Dt3.
+// NumPy arrays and one Velm_3D. Everything it knows of meshes it asks the
+// library: the intake, point location, the self-test and the failure text.
 //
-// A Triangulation owns one Dt3 and the stored vertex of every point it was
-// given, by point index. Between calls it keeps these facts:
+// A Triangulation owns one Velm_3D and the stored vertex of every point it
+// was given, by point index. Between calls it keeps these facts:
 //  - the customIndex of every stored vertex is the index of the first point
 //    with its coordinates (its representative); duplicates point to it;
 //  - after an insertion, the customIndex of every live tetrahedron is its row
@@ -15,10 +16,9 @@
 // store's statics, std::cout), so every call into it holds libraryMutex. The
 // mutex is only ever taken with the GIL released: the insertion's progress
 // callback takes the GIL while the mutex is held, and the opposite order in
-// another thread would deadlock. The library's console output is caught by
-// swapping the buffers of std::cout and std::cerr (the only ways it writes)
-// for the duration of a call, and kept: the text of an assertion report
-// becomes the RuntimeError's message.
+// another thread would deadlock. What the library prints goes to a sink for
+// the duration of a call, unless verbose; an assertion's report comes from
+// VelmException::lastReport.
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 
@@ -52,46 +52,20 @@ std::mutex libraryMutex;
 // int64. Tests lower it to reach the int64 path with small inputs.
 int64_t int32Limit = std::numeric_limits<int32_t>::max();
 
-// Keeps what the library writes, up to a bounded tail, and passes it on to
-// the original stream when verbose.
-class CaptureBuffer : public std::streambuf {
+// For the life of one call into the library: unless verbose, std::cout and
+// std::cerr (the only ways it writes) write nowhere, and their state is
+// restored afterwards (a stopped timer would leave std::cout in fixed
+// notation otherwise).
+class ConsoleGuard {
 public:
-  explicit CaptureBuffer(std::streambuf* pTee_) : pTee(pTee_) {}
-  const std::string& getText() const { return text; }
-
-protected:
-  int overflow(int c) override {
-    if (c == traits_type::eof()) return traits_type::not_eof(c);
-    const char ch = static_cast<char>(c);
-    xsputn(&ch, 1);
-    return c;
-  }
-  std::streamsize xsputn(const char* s, std::streamsize n) override {
-    if (pTee != nullptr) pTee->sputn(s, n);
-    text.append(s, static_cast<size_t>(n));
-    if (text.size() > 65536) text.erase(0, text.size() - 16384);
-    return n;
-  }
-  int sync() override { return pTee != nullptr ? pTee->pubsync() : 0; }
-
-private:
-  std::streambuf* pTee;
-  std::string text;
-};
-
-// For the life of one call into the library: std::cout and std::cerr write
-// into a CaptureBuffer, and their state is restored afterwards (a stopped
-// timer would leave std::cout in fixed notation otherwise).
-class ConsoleCapture {
-public:
-  explicit ConsoleCapture(bool bVerbose)
+  explicit ConsoleGuard(bool bVerbose)
       : pOldOut(std::cout.rdbuf()), pOldErr(std::cerr.rdbuf()), oldFlags(std::cout.flags()),
-        oldPrecision(std::cout.precision()), outBuf(bVerbose ? pOldOut : nullptr),
-        errBuf(bVerbose ? pOldErr : nullptr) {
-    std::cout.rdbuf(&outBuf);
-    std::cerr.rdbuf(&errBuf);
+        oldPrecision(std::cout.precision()) {
+    if (bVerbose) return;
+    std::cout.rdbuf(&sink);
+    std::cerr.rdbuf(&sink);
   }
-  ~ConsoleCapture() {
+  ~ConsoleGuard() {
     std::cout.rdbuf(pOldOut);
     std::cerr.rdbuf(pOldErr);
     std::cout.flags(oldFlags);
@@ -99,35 +73,21 @@ public:
     std::cout.clear();
     std::cerr.clear();
   }
-  ConsoleCapture(const ConsoleCapture&) = delete;
-  ConsoleCapture& operator=(const ConsoleCapture&) = delete;
-
-  // The last assertion report, without colour codes, on one line.
-  std::string assertionReport() const {
-    const std::string& s = outBuf.getText();
-    size_t from = s.rfind("Velm, , ERROR");
-    if (from == std::string::npos) from = 0;
-    std::string line;
-    for (size_t i = from; i < s.size(); ++i) {
-      if (s[i] == '\033') {
-        while (i < s.size() && s[i] != 'm') ++i;
-        continue;
-      }
-      const bool bSpace = s[i] == '\n' || s[i] == ' ';
-      if (bSpace && (line.empty() || line.back() == ' ')) continue;
-      line += bSpace ? ' ' : s[i];
-    }
-    while (!line.empty() && line.back() == ' ') line.pop_back();
-    return line;
-  }
+  ConsoleGuard(const ConsoleGuard&) = delete;
+  ConsoleGuard& operator=(const ConsoleGuard&) = delete;
 
 private:
+  // Takes every character and keeps none.
+  class Sink : public std::streambuf {
+  protected:
+    int overflow(int c) override { return traits_type::not_eof(c); }
+    std::streamsize xsputn(const char*, std::streamsize n) override { return n; }
+  };
   std::streambuf* pOldOut;
   std::streambuf* pOldErr;
   std::ios_base::fmtflags oldFlags;
   std::streamsize oldPrecision;
-  CaptureBuffer outBuf;
-  CaptureBuffer errBuf;
+  Sink sink;
 };
 
 // A Python exception caught on the library's side of a call (the interrupt,
@@ -272,17 +232,17 @@ public:
   explicit Triangulation(bool bVerbose_) : bVerbose(bVerbose_) {
     py::gil_scoped_release nogil;
     std::lock_guard<std::mutex> lock(libraryMutex);
-    ConsoleCapture console(bVerbose);
-    pDt.reset(new Dt3(nullptr));
+    ConsoleGuard console(bVerbose);
+    pVelm.reset(new Velm_3D());
   }
 
   ~Triangulation() {
     // Destroying a large mesh prints (the pools count their blocks), so it
-    // happens under the mutex with the console caught. The GIL is given up
+    // happens under the mutex with the console guarded. The GIL is given up
     // only if another thread is inside the library, which can't be the case
     // at interpreter exit.
     const auto destroy = [this] {
-      ConsoleCapture console(bVerbose);
+      ConsoleGuard console(bVerbose);
       release();
     };
     if (libraryMutex.try_lock()) {
@@ -295,66 +255,77 @@ public:
     }
   }
 
-  bool isOpen() const { return pDt != nullptr; }
-  bool is3D() const { return pDt != nullptr && pDt->is3D(); }
+  bool isOpen() const { return pVelm != nullptr; }
+  bool is3D() const { return pVelm != nullptr && pVelm->is3D(); }
 
   // Inserts the rows of xyz (float64, C order, shape (n,3)) and answers the
-  // arrays of the whole triangulation: (points of this call, simplices,
-  // neighbors, vertex_of_point, coplanar). Bad rows raise ValueError before
-  // anything is stored; an interrupt or a library failure closes the object.
+  // arrays of the whole triangulation: (simplices, neighbors,
+  // vertex_of_point, coplanar). Bad rows raise ValueError before anything is
+  // stored; an interrupt or a library failure closes the object.
   py::tuple insert(const py::array_t<double, py::array::c_style>& xyz, py::object progress) {
     int64_t n = 0;
     const double* pXyz = rowsOf(xyz, n);
-    Buffer<double> vCopy(3 * static_cast<size_t>(n));
     ProgressContext context{progress, PendingError()};
     IndexArrays<int32_t> arrays32;
     IndexArrays<int64_t> arrays64;
     bool bInt64 = false;
     callLibrary(context, true, [&](Failure& failure) {
       if (!rowsInDomain(pXyz, n, failure)) return;
-      insertRows(pXyz, n, vCopy.data(), context);
+      insertRows(pXyz, n, context);
       if (context.pending.isSet()) return;
       bInt64 = static_cast<int64_t>(vHandles.size()) > int32Limit || !numberAndFill(arrays32);
       if (bInt64) numberAndFill(arrays64);
     });
-    py::tuple t = bInt64 ? arrays64.toPython() : arrays32.toPython();
-    return py::make_tuple(vCopy.toNumPy({n, 3}), t[0], t[1], t[2], t[3]);
+    return bInt64 ? arrays64.toPython() : arrays32.toPython();
   }
 
   // Row of the simplices array of a tetrahedron that contains each query
   // point (closed: points on facets, edges and vertices are found), -1 for
-  // points outside the convex hull; by exact point location.
+  // points outside the convex hull and for NaN or infinite coordinates; by
+  // exact point location.
   py::array findSimplex(const py::array_t<double, py::array::c_style>& xyz) {
     int64_t n = 0;
     const double* pXyz = rowsOf(xyz, n);
     Buffer<int64_t> vResult(static_cast<size_t>(n));
     ProgressContext context{py::none(), PendingError()};
-    callLibrary(context, false, [&](Failure& failure) {
-      if (!rowsInDomain(pXyz, n, failure)) return;
+    callLibrary(context, false, [&](Failure&) {
+      // Each walk starts where the previous one ended: queries that come in
+      // an order along space walk only a few steps.
+      Tet3* pHint = nullptr;
       for (int64_t i = 0; i < n; ++i) {
         if ((i & 65535) == 65535 && !context.report(i, n)) return;
-        vResult[i] = locate(Point3(pXyz[3 * i], pXyz[3 * i + 1], pXyz[3 * i + 2]));
+        const double* p = pXyz + 3 * i;
+        vResult[i] = -1;
+        if (!pVelm->is3D() || !(std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]))) continue;
+        Tet3* pTet = pVelm->findTetContaining(Point3(p[0], p[1], p[2]), pHint);
+        if (pTet == nullptr) continue;
+        vResult[i] = tetIndex(pTet);
+        pHint = pTet;
       }
     });
     return vResult.toNumPy({n});
   }
 
-  // The library's exact tests on every live tetrahedron and facet: positive
-  // orientation, symmetric links, the neighbour's vertex strictly beyond the
-  // shared facet and not strictly inside the circumsphere; and every point
-  // has a vertex in the mesh. Nothing is printed and no file is written.
-  bool check() {
+  // The library's exact self-test (findFault): positive orientation,
+  // symmetric links over shared facets, the neighbour's vertex strictly
+  // beyond each facet and not strictly inside the circumsphere, every stored
+  // vertex in the mesh. "" for a valid mesh, else the fault on one line.
+  // Nothing is printed and no file is written.
+  std::string check() {
     ProgressContext context{py::none(), PendingError()};
-    bool bValid = false;
-    callLibrary(context, false, [&](Failure&) { bValid = checkMesh(context); });
-    return bValid;
+    std::string fault;
+    callLibrary(context, false, [&](Failure&) {
+      if (pVelm->is3D()) fault = pVelm->findFault(true).describe();
+      if (fault == MeshFault().describe()) fault.clear();
+    });
+    return fault;
   }
 
   // Releases the mesh; the arrays handed out stay valid.
   void close() {
     py::gil_scoped_release nogil;
     std::lock_guard<std::mutex> lock(libraryMutex);
-    ConsoleCapture console(bVerbose);
+    ConsoleGuard console(bVerbose);
     release();
   }
 
@@ -364,7 +335,7 @@ public:
     ProgressContext context{py::none(), PendingError()};
     callLibrary(context, false, [&](Failure&) {
       std::vector<Tet3*> vTets(1, nullptr);
-      pDt->getAllTetrahedra(vTets);
+      pVelm->getTetrahedra(vTets);
     });
   }
 
@@ -374,19 +345,19 @@ private:
   // exhausted memory comes out as the matching Python exception; after the
   // last three, bCloseOnFailure releases the mesh, whose state is unknown.
   template <class F> void callLibrary(ProgressContext& context, bool bCloseOnFailure, F work) {
-    if (pDt == nullptr)
+    if (pVelm == nullptr)
       throw std::runtime_error("the triangulation was closed, interrupted or failed; its arrays remain");
     Failure failure;
     {
       py::gil_scoped_release nogil;
       std::lock_guard<std::mutex> lock(libraryMutex);
-      ConsoleCapture console(bVerbose);
+      ConsoleGuard console(bVerbose);
       try {
         work(failure);
         if (context.pending.isSet()) failure.kind = Failure::INTERRUPTED;
       } catch (VelmException&) {
         failure.kind = Failure::ASSERTION;
-        failure.message = console.assertionReport();
+        failure.message = VelmException::lastReport();
       } catch (std::bad_alloc&) {
         failure.kind = Failure::NO_MEMORY;
       }
@@ -397,8 +368,8 @@ private:
 
   // With the mutex held.
   void release() {
-    if (pDt == nullptr) return;
-    pDt.reset();
+    if (pVelm == nullptr) return;
+    pVelm.reset();
     std::vector<Point3*>().swap(vHandles);
     std::vector<int>().swap(vRepresentative);
 #ifdef __GLIBC__
@@ -410,41 +381,19 @@ private:
 
   // With the mutex held: stores and triangulates n rows, records each
   // point's vertex and gives new vertices their representative index.
-  void insertRows(const double* pXyz, int64_t n, double* pCopy, ProgressContext& context) {
+  void insertRows(const double* pXyz, int64_t n, ProgressContext& context) {
     if (n == 0) return;
-    std::vector<Point3> vPoints;
-    vPoints.reserve(static_cast<size_t>(n));
-    for (int64_t i = 0; i < n; ++i) {
-      const double x = pXyz[3 * i], y = pXyz[3 * i + 1], z = pXyz[3 * i + 2];
-      pCopy[3 * i] = x;
-      pCopy[3 * i + 1] = y;
-      pCopy[3 * i + 2] = z;
-      vPoints.emplace_back(x, y, z);
-    }
-    const bool bWas3D = pDt->is3D();
-    const bool bHadVertices = pDt->getStore().getNumStoredVtx() > 0;
+    const int64_t numOld = static_cast<int64_t>(vHandles.size());
+    if (numOld + n - 1 > std::numeric_limits<int>::max()) throw std::bad_alloc();
     std::vector<Point3*> vBatch;
-    pDt->setProgressCallback(&ProgressContext::onProgress, &context);
-    pDt->insertVector(vPoints, vBatch);
-    if (!context.pending.isSet() && !bWas3D && bHadVertices && pDt->is3D()) {
-      // The batch that makes the mesh full dimensional triangulates either
-      // its own new vertices or the whole store, chosen by comparing counts
-      // only; vertices stored by earlier batches can be left out. They are
-      // the ones without a tetrahedron.
-      std::vector<Point3*> vAll, vLeft;
-      pDt->getVertexPointers(vAll);
-      for (Point3* pVtx : vAll)
-        if (pVtx->getOneTet() == nullptr) vLeft.push_back(pVtx);
-      if (!vLeft.empty()) pDt->triangulate(vLeft, pDt->getStore().getCloseTet(vLeft[0]));
-    }
-    pDt->setProgressCallback(nullptr, nullptr);
+    pVelm->setProgressCallback(&ProgressContext::onProgress, &context);
+    pVelm->insertRows(pXyz, static_cast<size_t>(n), vBatch);
+    pVelm->setProgressCallback(nullptr, nullptr);
     // A vertex stored before this call has a representative i below the
     // first new index with vHandles[i] equal to it. Any other customIndex
     // is what the store's fresh record happened to hold, and is replaced.
     // The vertices lie in curve order, the points in input order: the
     // prefetch keeps the misses of this walk overlapping.
-    const int64_t numOld = static_cast<int64_t>(vHandles.size());
-    if (numOld + n - 1 > std::numeric_limits<int>::max()) throw std::bad_alloc();
     vHandles.insert(vHandles.end(), vBatch.begin(), vBatch.end());
     vRepresentative.resize(vHandles.size());
     for (int64_t i = numOld; i < numOld + n; ++i) {
@@ -486,7 +435,7 @@ private:
                                               std::numeric_limits<int>::max() - 2);
     size_t capacity = 7 * numPts + 16; // 6.7 per point for uniform points
     std::vector<Tet3*> vQueue;
-    if (pDt->is3D()) {
+    if (pVelm->is3D()) {
       vQueue.reserve(capacity);
       out.simplices.resize(4 * capacity);
       out.neighbors.resize(4 * capacity);
@@ -530,8 +479,7 @@ private:
         pN[i] = static_cast<I>(tetIndex(pOpp));
       }
     }
-    const size_t numNumbered = vQueue.size();
-    numTets = numNumbered;
+    const size_t numTets = vQueue.size();
     out.simplices.resize(4 * numTets);
     out.neighbors.resize(4 * numTets);
     // vertex_of_point, and the rows [point, a tetrahedron of its vertex,
@@ -554,72 +502,11 @@ private:
     return true;
   }
 
-  // With the mutex held.
-  int64_t locate(Point3 p) {
-    if (!pDt->is3D()) return -1;
-    Tet3* pTet = pDt->getStore().getCloseTet(p);
-    const int result = pDt->locateConflictTet(&p, pTet);
-    if (result == -1 || result == -2) return tetIndex(pTet);
-    VELM_ASSERT(result!=-99);
-    // Beyond hull facet `result`, or in its closed triangle.
-    if (pDt->getPredicates().getOrientation3(pTet, result, &p) == ORI3_ZERO) return tetIndex(pTet);
-    return -1;
-  }
-
-  // With the mutex held.
-  bool checkMesh(ProgressContext& context) {
-    for (Point3* pVtx : vHandles)
-      if (pVtx->getOneTet() == nullptr && pDt->is3D()) return false;
-    if (!pDt->is3D()) return true;
-    const ExactTest& predicates = pDt->getPredicates();
-    // All tetrahedra reachable from the first point's, each once, by the
-    // numbers of the last numbering; a number out of range is a fault too.
-    std::vector<char> vSeen(numTets, 0);
-    std::vector<Tet3*> vStack;
-    size_t numSeen = 0;
-    const auto bReach = [&](Tet3* pTet) {
-      const int64_t t = tetIndex(pTet);
-      if (!isNumbered(pTet->getCustomIndex()) || static_cast<size_t>(t) >= numTets) return false;
-      if (!vSeen[t]) {
-        vSeen[t] = 1;
-        ++numSeen;
-        vStack.push_back(pTet);
-      }
-      return true;
-    };
-    if (!bReach(vHandles[0]->getOneTet())) return false;
-    while (!vStack.empty()) {
-      Tet3* pTet = vStack.back();
-      vStack.pop_back();
-      if ((numSeen & 65535) == 0 && !context.report(numSeen, numTets)) return false;
-      for (int i = 0; i < 4; ++i)
-        if (pTet->getOppTet(i) != nullptr && !bReach(pTet->getOppTet(i))) return false;
-      if (pTet->hasBeenVisited) return false;
-      if (predicates.getOrientation3(pTet->getCorner(0), pTet->getCorner(1), pTet->getCorner(2),
-                                     pTet->getCorner(3)) != ORIENTATION3_POSITIVE)
-        return false;
-      for (int i = 0; i < 4; ++i) {
-        const Tet3* pOpp = pTet->getOppTet(i);
-        if (pOpp == nullptr) continue;
-        int j = 0;
-        while (j < 4 && pOpp->getOppTet(j) != pTet) ++j;
-        if (j == 4) return false;
-        const Point3* pOppVtx = pOpp->getCorner(j);
-        for (int k = 0; k < 3; ++k)
-          if (!pTet->hasVertex(pOpp->getCorner(Tet3::facetIndices[j][k]))) return false;
-        if (predicates.getOrientation3(pTet, i, pOppVtx) != ORIENTATION3_NEGATIVE) return false;
-        if (predicates.sphereInclusionTest(pTet, pOppVtx) == SIC_INSIDE) return false;
-      }
-    }
-    return numSeen == numTets;
-  }
-
-  std::unique_ptr<Dt3> pDt;
+  std::unique_ptr<Velm_3D> pVelm;
   std::vector<Point3*> vHandles; // the stored vertex of each point
   std::vector<int> vRepresentative; // and that vertex's customIndex
   bool bVerbose;
   unsigned generation = 0; // of the tetrahedron numbering
-  size_t numTets = 0;      // in the last numbering
 };
 
 // ---------------------------------------------------------------------------

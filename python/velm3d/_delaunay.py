@@ -132,17 +132,19 @@ class Delaunay:
     def _insert(self, rows):
         bar = _ProgressBar() if self._progress else None
         try:
-            new_points, self.simplices, self.neighbors, self.vertex_of_point, self.coplanar = (
-                self._tri.insert(rows, bar))
+            self.simplices, self.neighbors, self.vertex_of_point, self.coplanar = self._tri.insert(rows, bar)
         finally:
             if bar is not None:
                 bar.close(finished=self._tri.is_open)
-        self.points = new_points if len(self.points) == 0 else np.concatenate((self.points, new_points))
+        # The object keeps its own copy: rows may be a view of the caller's array.
+        self.points = np.concatenate((self.points, rows)) if len(self.points) else rows.copy()
         self._vertex_to_simplex = None
         self._vertex_neighbor_vertices = None
         self._convex_hull = None
-        if self._check and not self.check():
-            raise RuntimeError("the triangulation failed the exact validity check")
+        if self._check:
+            fault = self._tri.check()
+            if fault:
+                raise RuntimeError(f"the triangulation failed the exact validity check: {fault}")
 
     @property
     def npoints(self):
@@ -226,7 +228,7 @@ class Delaunay:
         """Runs the library's exact orientation and sphere tests on every
         tetrahedron and facet; True when the mesh is a valid Delaunay
         triangulation of all points."""
-        return self._tri.check()
+        return not self._tri.check()
 
     def close(self):
         """Releases the triangulation (its memory); the arrays stay."""

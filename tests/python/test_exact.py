@@ -98,21 +98,16 @@ def test_duplicates_collapse_onto_their_first_occurrence(rng):
     np.array([[i, 2 * i, 3 * i] for i in range(10)], dtype=float),  # collinear
     np.array([[0, 0, 0], [1, 0, 0], [0, 1, 0]]),  # three points
     np.array([[1, 1, 1]] * 5),  # one point five times
+    np.empty((0, 3)), [], np.empty(0),  # nothing at all
 ])
 def test_input_without_volume_gives_an_empty_triangulation(points):
     tri = velm3d.Delaunay(points)
     assert not tri.is_3d and tri.nsimplex == 0 and tri.simplices.shape == (0, 4)
-    assert_delaunay(tri, points)
-    assert (tri.find_simplex(points) == -1).all()
+    assert tri.points.shape == (len(points), 3)
+    assert_delaunay(tri, np.reshape(points, (-1, 3)))
+    assert (tri.find_simplex(tri.points) == -1).all()
     assert tri.convex_hull.shape == (0, 3)
     assert (tri.vertex_to_simplex == -1).all()
-
-
-def test_empty_input_gives_an_empty_triangulation():
-    for empty in (np.empty((0, 3)), [], np.empty(0)):
-        tri = velm3d.Delaunay(empty)
-        assert tri.npoints == 0 and tri.nsimplex == 0 and not tri.is_3d
-        assert tri.points.shape == (0, 3)
 
 
 def test_add_points_completes_a_plane_with_earlier_points_in_the_mesh():
