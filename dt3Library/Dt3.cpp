@@ -324,6 +324,30 @@ Tet3* Dt3::findTetContaining(const Point3& p, Tet3* pHint) {
   return predicates.getOrientation3(pTet, locateResult, &q) == ORI3_ZERO ? pTet : nullptr;
 }
 
+void Dt3::findTetsContaining(const double* pXyz, size_t numRows, std::vector<Tet3*>& vTets) {
+  vTets.assign(numRows, nullptr);
+  if (!bFullDimensional) return;
+  std::vector<std::pair<unsigned int, size_t>> vOrder;
+  vOrder.reserve(numRows);
+  for (size_t i = 0; i < numRows; ++i) {
+    const double* p = pXyz + 3 * i;
+    if (std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]))
+      vOrder.emplace_back(hc3.iReset(Point3(p[0], p[1], p[2])), i);
+  }
+  std::sort(vOrder.begin(), vOrder.end());
+  Tet3* pHint = nullptr;
+  unsigned long numDone = 0;
+  for (const std::pair<unsigned int, size_t>& entry : vOrder) {
+    const double* p = pXyz + 3 * entry.second;
+    Tet3* pTet = findTetContaining(Point3(p[0], p[1], p[2]), pHint);
+    vTets[entry.second] = pTet;
+    if (pTet != nullptr) pHint = pTet;
+    if (pProgress != nullptr && ++numDone % numInsertionsPerReport == 0 &&
+        !pProgress(pProgressUser, numDone, vOrder.size()))
+      return;
+  }
+}
+
 void Dt3::insertPendingPoints() { fatBar("Dt3::insertPendingPoints() is currently not active", false, false); }
 
 Point3* Dt3::createPendingVertex(double, double, double) {

@@ -148,6 +148,13 @@ public:
   // is given (a live tetrahedron near p: the answer for the previous query
   // of a batch in curve order), else at the store's close tetrahedron.
   Tet3* findTetContaining(const Point3& p, Tet3* pHint = nullptr);
+  // findTetContaining for each row of the row-major array pXyz, into
+  // vTets[row] (resized to numRows); null for rows outside the hull and for
+  // rows with a NaN or infinite coordinate. The rows are visited in the
+  // store's curve order, each walk starting at the previous answer. With a
+  // progress callback set, it is called every numInsertionsPerReport rows
+  // and can stop the work (the rows not reached stay null).
+  void findTetsContaining(const double* pXyz, size_t numRows, std::vector<Tet3*>& vTets);
   // Stores the numRows points of the row-major array pXyz (x, y, z per row)
   // and inserts every stored vertex that is not yet in the mesh, whichever
   // call stored it, as soon as the points span space. vUserHandles gets the

@@ -71,6 +71,10 @@ Tet3* Velm_3D::locate(const Point3& p) {
 
 Tet3* Velm_3D::findTetContaining(const Point3& p, Tet3* pHint) { return pDt3->findTetContaining(p, pHint); }
 
+void Velm_3D::findTetsContaining(const double* pXyz, size_t numRows, std::vector<Tet3*>& vTets) {
+  pDt3->findTetsContaining(pXyz, numRows, vTets);
+}
+
 MeshFault Velm_3D::findFault(bool bComplete) const { return pDt3->findFault(true, true, bComplete); }
 
 bool Velm_3D::checkValidity(const std::string& where, bool bCheckSphereInc) {

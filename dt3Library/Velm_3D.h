@@ -69,6 +69,10 @@ public:
   // inside; null outside the hull. pHint: a live tetrahedron near p, such as
   // the answer for the previous point of a batch ordered along a curve.
   Tet3* findTetContaining(const Point3& p, Tet3* pHint = nullptr);
+  // The same for each row x, y, z of pXyz, into vTets[row]; null outside the
+  // hull and for a NaN or infinite coordinate. The rows are located in the
+  // order of the vertex store's curve, so a large batch walks little.
+  void findTetsContaining(const double* pXyz, size_t numRows, std::vector<Tet3*>& vTets);
 
   bool checkValidity(const std::string& where, bool bCheckSphereInc);
   // The same exact tests without a word on the console or a file: the first

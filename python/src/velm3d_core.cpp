@@ -289,19 +289,11 @@ public:
     Buffer<int64_t> vResult(static_cast<size_t>(n));
     ProgressContext context{py::none(), PendingError()};
     callLibrary(context, false, [&](Failure&) {
-      // Each walk starts where the previous one ended: queries that come in
-      // an order along space walk only a few steps.
-      Tet3* pHint = nullptr;
-      for (int64_t i = 0; i < n; ++i) {
-        if ((i & 65535) == 65535 && !context.report(i, n)) return;
-        const double* p = pXyz + 3 * i;
-        vResult[i] = -1;
-        if (!pVelm->is3D() || !(std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]))) continue;
-        Tet3* pTet = pVelm->findTetContaining(Point3(p[0], p[1], p[2]), pHint);
-        if (pTet == nullptr) continue;
-        vResult[i] = tetIndex(pTet);
-        pHint = pTet;
-      }
+      std::vector<Tet3*> vTets;
+      pVelm->setProgressCallback(&ProgressContext::onProgress, &context);
+      pVelm->findTetsContaining(pXyz, static_cast<size_t>(n), vTets);
+      pVelm->setProgressCallback(nullptr, nullptr);
+      for (int64_t i = 0; i < n; ++i) vResult[i] = vTets[i] != nullptr ? tetIndex(vTets[i]) : -1;
     });
     return vResult.toNumPy({n});
   }
