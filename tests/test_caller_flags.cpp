@@ -3,21 +3,14 @@
 // a fused multiply-add) and -ffp-contract=fast -march=native on clang; see
 // tests/CMakeLists.txt. Whatever this file's flags, the predicates it calls
 // through the public header must be the library's own evaluation:
-//  - every sign agrees with exact rational arithmetic on near-degenerate
-//    input (coplanar and cospherical lattices nudged by a few units in the
-//    last place, at large offsets and tiny scales; points rounded onto a
-//    plane or a sphere);
-//  - the filters give the very bits of the library's evaluation, for which
-//    their error bounds are stated. A fused multiply-add never loses more
-//    than the two operations it replaces, so filters compiled with this
-//    file's flags still tend to answer right; their bits are what shows
-//    that the caller's flags reached them.
+// every sign agrees with exact rational arithmetic on near-degenerate input
+// (coplanar and cospherical lattices nudged by a few units in the last place,
+// at large offsets and tiny scales; points rounded onto a plane or a sphere).
 #include <gmpxx.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <random>
 #include <string>
 #include <utility>
@@ -124,8 +117,6 @@ const Regime kRegimes[] = {
     {"nearly cospherical, rounded, offset 3, nudged", ROUND_ROUNDED, 3, 1, 2, 2500},
 };
 
-bool sameBits(double a, double b) { return std::memcmp(&a, &b, sizeof a) == 0; }
-
 } // namespace
 
 // The premise: where the CPU has a fused multiply-add, this file's flags do
@@ -138,8 +129,8 @@ TEST(CallerFlags, ThisFileIsCompiledWithContraction) {
 #endif
 }
 
-// Orientation (by points and by facet), the sphere test and their floor-free
-// forms, against GMP rationals, regime by regime.
+// Orientation (by points and by facet) and the sphere test against GMP
+// rationals, regime by regime.
 TEST(CallerFlags, EverySignAgreesWithExactArithmetic) {
   const ExactTest t;
   BRIX_TOOLS::SimplePool<Tet3> pool;
@@ -159,13 +150,10 @@ TEST(CallerFlags, EverySignAgreesWithExactArithmetic) {
       pTet->setProperties(&p[0], &p[1], &p[2], &p[3]);
       ++numTested;
 
-      const bool bInRange =
-          std::all_of(p, p + 5, [](const Point3& v) { return ExactTest::inFloorFreeRange(v); });
       const Point3* const corners[4] = {&p[0], &p[1], &p[2], &p[3]};
       const int lifted = sgn(exact::lifted<mpq_class>(corners, p[4], nullptr));
       const SphereInclusion sphere = lifted < 0 ? SIC_INSIDE : SIC_OUTSIDE;
       numWrong += t.sphereInclusionTest(pTet, &p[4]) != sphere;
-      if (bInRange) numWrong += t.sphereInclusionTestInRange(pTet, &p[4]) != sphere;
       numWrong += t.getOrientation3(&p[0], &p[1], &p[2], &p[4]) !=
                   orientationOfSign(exactOrientation(p[0], p[1], p[2], p[4]));
       for (int ith = 0; ith < 4; ++ith) {
@@ -173,41 +161,9 @@ TEST(CallerFlags, EverySignAgreesWithExactArithmetic) {
         const Orientation3 expected = orientationOfSign(
             exactOrientation(p[order[ith][0]], p[order[ith][1]], p[order[ith][2]], p[4]));
         numWrong += t.getOrientation3(pTet, ith, &p[4]) != expected;
-        if (bInRange) numWrong += t.getOrientation3InRange(pTet, ith, &p[4]) != expected;
       }
     }
     EXPECT_EQ(numWrong, 0) << r.name;
     EXPECT_GT(numTested, r.count / 2) << r.name;
   }
-}
-
-// The filters' values are the library's evaluation, whose bits the bounds
-// are stated for: the paired and the scalar sphere filter agree bit for bit,
-// and each filter's det is what the library's filtered predicate returns
-// when it decides (asked only with a margin of 2 on the bound, so that this
-// file's own rounding of the bound cannot matter).
-TEST(CallerFlags, FiltersGiveTheLibrarysBits) {
-  const ExactTest t;
-  Cases cases;
-  int numDiffering = 0;
-  for (const Regime& r : kRegimes)
-    for (int n = 0; n < r.count / 10; ++n) {
-      double q[5][3];
-      cases.make(r, q);
-      double det, permanent, floor;
-      ExactTest::orient3dFilter(q[0], q[1], q[2], q[3], det, permanent, floor);
-      if (ExactTest::filterDecides(det, 2 * (t.o3derrboundA * permanent + floor)))
-        numDiffering += !sameBits(det, t.orient3d(q[0], q[1], q[2], q[3]));
-      ExactTest::insphereFilter(q[0], q[1], q[2], q[3], q[4], det, permanent, floor);
-      numDiffering += !sameBits(det, inspherefast(q[0], q[1], q[2], q[3], q[4]));
-      if (ExactTest::filterDecides(det, 2 * (t.isperrboundA * permanent + floor)))
-        numDiffering += !sameBits(det, t.insphere(q[0], q[1], q[2], q[3], q[4]));
-#if defined(__SSE2__)
-      double det2, permanent2, floor2;
-      ExactTest::insphereFilterSse2(q[0], q[1], q[2], q[3], q[4], det2, permanent2, floor2);
-      numDiffering +=
-          !sameBits(det, det2) + !sameBits(permanent, permanent2) + !sameBits(floor, floor2);
-#endif
-    }
-  EXPECT_EQ(numDiffering, 0);
 }

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "BrixTest3Inline.h"
 #include "test_support.h"
 
 using namespace VELM3D;
@@ -543,8 +544,8 @@ TEST(SphereFilter, PairedFormGivesTheScalarBits) {
     for (auto& q : p)
       for (double& c : q) c = std::ldexp(u(rng), scale + (n % 7 == 0 ? e(rng) / 4 : 0));
     double det1, perm1, floor1, det2, perm2, floor2;
-    ExactTest::insphereFilter(p[0], p[1], p[2], p[3], p[4], det1, perm1, floor1);
-    ExactTest::insphereFilterSse2(p[0], p[1], p[2], p[3], p[4], det2, perm2, floor2);
+    kernels::insphereFilter(p[0], p[1], p[2], p[3], p[4], det1, perm1, floor1);
+    kernels::insphereFilterSse2(p[0], p[1], p[2], p[3], p[4], det2, perm2, floor2);
     ASSERT_EQ(std::memcmp(&det1, &det2, sizeof det1), 0) << n;
     ASSERT_EQ(std::memcmp(&perm1, &perm2, sizeof perm1), 0) << n;
     ASSERT_EQ(std::memcmp(&floor1, &floor2, sizeof floor1), 0) << n;
@@ -570,7 +571,7 @@ TEST(AnyFiniteDouble, TinyCoordinatesThatRoundingWouldFlip) {
 // coordinates are 0 or in [2^-150, 2^199): their range, and exact answers on
 // near-degenerate lattices at both of its ends.
 TEST(AnyFiniteDouble, FloorFreeFormsHoldOverTheirWholeRange) {
-  auto in = [](double c) { return ExactTest::inFloorFreeRange(Point3(1.0, c, -1.0)); };
+  auto in = [](double c) { return kernels::inFloorFreeRange(Point3(1.0, c, -1.0)); };
   EXPECT_TRUE(in(0.0) && in(-0.0) && in(0x1p-150) && in(-0x1p-150) && in(std::nextafter(0x1p199, 0.0)));
   EXPECT_FALSE(in(std::nextafter(0x1p-150, 0.0)) || in(0x1p199) || in(-0x1p199) || in(0x1p-1074));
   const ExactTest t;
@@ -589,13 +590,13 @@ TEST(AnyFiniteDouble, FloorFreeFormsHoldOverTheirWholeRange) {
       for (int k = 0; k < 5; ++k) q[k] = Point3(p[k][0], p[k][1], p[k][2]);
       pTet->setProperties(&q[0], &q[1], &q[2], &q[3]);
       const int lifted = exactSign(p, 5, 3, true);
-      numWrong += t.sphereInclusionTestInRange(pTet, &q[4]) != (lifted < 0 ? SIC_INSIDE : SIC_OUTSIDE);
+      numWrong += sphereInclusionOf<true>(t, pTet, &q[4]) != (lifted < 0 ? SIC_INSIDE : SIC_OUTSIDE);
       for (int ith = 0; ith < 4; ++ith) {
         Pts f;  // the facet's corners in the order getOrientation3 takes them, then the query
         const int order[4][3] = {{1, 3, 2}, {0, 2, 3}, {0, 3, 1}, {0, 1, 2}};
         for (int k = 0; k < 3; ++k) std::copy(p[order[ith][k]], p[order[ith][k]] + 3, f[k]);
         std::copy(p[4], p[4] + 3, f[3]);
-        numWrong += t.getOrientation3InRange(pTet, ith, &q[4]) != oriOfSign[1 + exactSign(f, 4, 3, false)];
+        numWrong += orientationOfFacet<true>(t, pTet, ith, &q[4]) != oriOfSign[1 + exactSign(f, 4, 3, false)];
       }
       ++numTested;
     }
