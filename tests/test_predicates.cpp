@@ -99,7 +99,8 @@ bool sameBits(double a, double b) { return std::memcmp(&a, &b, sizeof a) == 0 ||
 // products are subnormal and z huge. EXTREME: 0, +-DBL_MAX, its halves and
 // quarters (differences overflow). ROUND: on one sphere or circle, LATTICE
 // distinct lattice points, WIDE signed permutations of one point, FLOAT
-// rounded onto it (centre within `offset` of 0; differences carry tails).
+// rounded onto it (radius `scale` times 2^-10 to 2^10, centre within
+// `offset` of 0; differences carry tails).
 // COINCIDENT: the last point a copy of another.
 enum Kind { RANDOM, FLOAT_FLAT, LATTICE_FLAT, WIDE_FLAT, STEEP_FLAT, EXTREME, LATTICE_ROUND, WIDE_ROUND,
             FLOAT_ROUND, COINCIDENT };
@@ -167,7 +168,7 @@ public:
         for (int k = 0; k < dim; ++k) p[i][k] = ((vCodes[i] >> k) & 1 ? -1.0 : 1.0) * base[perm[k]];
       }
     } else if (kind == FLOAT_ROUND) {
-      const double radius = std::ldexp(1.0 + uni(rng), irand(21) - 10);
+      const double radius = std::ldexp(1.0 + uni(rng), irand(21) - 10) * r.scale;
       const double c[3] = {r.offset * uni(rng), r.offset * uni(rng), r.offset * uni(rng)};
       for (int i = 0; i < n; ++i) {
         double v[3] = {uni(rng), uni(rng), dim == 3 ? uni(rng) : 0.0};
@@ -445,14 +446,17 @@ TEST(PlainDeterminants, EqualTheExactValueOnSmallIntegers) {
 // Random input for the filters; near-degenerate float and lattice input for
 // the adaptive stages; exactly degenerate lattice input at large magnitude
 // and at small scales whose products stay normal; points rounded onto a
-// sphere, whose differences carry tails; coincident points.
+// sphere, whose differences carry tails (large ones too, beyond the range of
+// the double-double shortcut, so that the expansions' own stages decide);
+// coincident points.
 TEST(Differential, PredicatesAgreeWithExactDeterminants) {
   expectAgreement({{RANDOM, 300000}, {FLOAT_FLAT, 150000}, {LATTICE_FLAT, 100000, 1e15, 1, 4},
                    {LATTICE_FLAT, 40000, 0, 0x1p-30, 4}, {LATTICE_FLAT, 40000, 1e15}, {LATTICE_FLAT, 40000, 0, 0x1p-330},
                    {WIDE_FLAT, 20000}, {WIDE_FLAT, 20000, 0, 1, 4}, {COINCIDENT, 20000}},
                   {{RANDOM, 100000}, {LATTICE_ROUND, 60000, 1e15, 1, 4}, {LATTICE_ROUND, 30000, 0, 0x1p-20, 4},
                    {LATTICE_ROUND, 20000, 1e15}, {LATTICE_ROUND, 20000, 0, 0x1p-180}, {WIDE_ROUND, 4000},
-                   {WIDE_ROUND, 4000, 0, 1, 4}, {FLOAT_ROUND, 60000}, {FLOAT_ROUND, 60000, 3, 1, 2}, {COINCIDENT, 10000}});
+                   {WIDE_ROUND, 4000, 0, 1, 4}, {FLOAT_ROUND, 60000}, {FLOAT_ROUND, 60000, 3, 1, 2}, {COINCIDENT, 10000},
+                   {FLOAT_ROUND, 30000, 0x1p185, 0x1p175}});
 }
 
 // The floor-free forms hold for coordinates 0 or of magnitude in
