@@ -94,8 +94,10 @@ bool sameBits(double a, double b) { return std::memcmp(&a, &b, sizeof a) == 0 ||
 // kind (on the line, plane, circle or sphere, or a copy) is made last; all
 // but a copy are then shuffled. RANDOM: uniform in [-1, 1]. FLAT: on the
 // line or plane of the first points, FLOAT rounded, LATTICE exactly
-// (integers times `scale` plus `offset`), WIDE on x = +-y with magnitudes
-// spread over the wide exponents, STEEP on z = 2^800 (x + 3y), where x y
+// (integers times `scale` plus `offset`), WIDE on x = +-y or on
+// z = x + 3y (x and y of 49 bits) with magnitudes spread over the wide
+// exponents, so that differences carry tails in every coordinate and no
+// symmetry cancels their products; STEEP on z = 2^800 (x + 3y), where x y
 // products are subnormal and z huge. EXTREME: 0, +-DBL_MAX, its halves and
 // quarters (differences overflow). ROUND: on one sphere or circle, LATTICE
 // distinct lattice points, WIDE signed permutations of one point, FLOAT
@@ -140,10 +142,15 @@ public:
       for (int k = 0; k < dim; ++k) p[n - 1][k] = p[0][k] + s * (p[1][k] - p[0][k]) + t * (p[2][k] - p[0][k]);
     } else if (kind == WIDE_FLAT) {
       const double sign = irand(2) ? 1.0 : -1.0;
+      const bool bSlanted = dim == 3 && irand(2);
+      auto slanted = [&](double unit) {  // below 2^48 units: z = x + 3y is exact
+        return static_cast<double>(static_cast<long long>(rng() >> 15) - (1LL << 48)) * unit;
+      };
       for (int i = 0; i < n; ++i) {
-        p[i][0] = wide();
-        p[i][1] = sign * p[i][0];
-        if (dim == 3) p[i][2] = wide();
+        const double unit = std::ldexp(1.0, std::max(-1074, wideLow + irand(wideHigh - wideLow - 1) - 50));
+        p[i][0] = bSlanted ? slanted(unit) : wide();
+        p[i][1] = bSlanted ? slanted(unit) : sign * p[i][0];
+        if (dim == 3) p[i][2] = bSlanted ? p[i][0] + 3 * p[i][1] : wide();
       }
     } else if (kind == EXTREME) {
       const double big = std::numeric_limits<double>::max();
