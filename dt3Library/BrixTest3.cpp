@@ -1,25 +1,36 @@
-// BrixTest3.cpp: exact predicates by adaptive-precision expansion arithmetic,
-// after J. R. Shewchuk, "Adaptive Precision Floating-Point Arithmetic and Fast
-// Robust Geometric Predicates", Discrete & Computational Geometry 18 (1997).
-// An expansion: doubles, nonoverlapping, by increasing magnitude, whose exact
-// sum is the value; its length travels beside it. Precondition: IEEE double,
-// round-to-nearest, no fused multiply-add, no excess precision, no re-
-// association (-ffp-contract=off); input whose products would leave the normal
-// range is dealt with further down. NAMEfast is the plain determinant, NAME
-// the filtered predicate, NAMEadapt its adaptive stages, NAMEexact the exact
-// sum; a _zeroelim routine drops zeros (a zero result is length 1 holding 0).
+// BrixTest3.cpp: the published stages of the exact predicates, by
+// adaptive-precision expansion arithmetic after J. R. Shewchuk, "Adaptive
+// Precision Floating-Point Arithmetic and Fast Robust Geometric Predicates",
+// Discrete & Computational Geometry 18 (1997). In this order:
+//  - exactinit and the expansion routines. An expansion: doubles,
+//    nonoverlapping, by increasing magnitude, whose exact sum is the value;
+//    its length travels beside it.
+//  - The planar predicates, orient2d and incircle.
+//  - The orientation in space, orient3d.
+//  - The sphere test, insphere. Its adaptive stage tries two shortcuts before
+//    its expansions, exact small-integer differences and a double-double
+//    evaluation; each answers only when its answer is the exact sign.
+//  - The undecided paths of the two tests the mesh uses and their public
+//    entries (the inline forms are in BrixTest3Inline.h).
+// Precondition: IEEE double, round-to-nearest, no fused multiply-add, no
+// excess precision, no re-association (-ffp-contract=off). The adaptive and
+// exact stages run the published arithmetic only on coordinates in the
+// published range (BrixTest3AnyDouble.h) and hand any other finite input to
+// BrixTest3AnyDouble.cpp. NAMEfast is the plain determinant, NAME the
+// filtered predicate, NAMEadapt its adaptive stages, NAMEexact the exact sum;
+// a _zeroelim routine drops zeros (a zero result is length 1 holding 0).
 // Signs: orient2d > 0 when a, b, c run counterclockwise; incircle > 0 when d
 // is inside the circle through a, b, c (counterclockwise); orient3d > 0 when d
 // is below the plane of a, b, c (counterclockwise from above); insphere > 0
 // when e is inside the sphere of a, b, c, d (orient3d > 0). The adaptive and
 // exact sphere stages answer classes: 1 positive, 0 negative, 2 zero. A Tet3
-// is POSITIVE in getOrientation3, so a negative orient3d; INSIDE is a negative insphere.
-#include "BrixTest3Inline.h"
+// is POSITIVE in getOrientation3, so a negative orient3d; INSIDE is a negative
+// insphere.
+#include "BrixTest3AnyDouble.h"
 
 #include <algorithm>
-#include <climits>
-#include <cstdint>
-#include <limits>
+#include <cmath>
+#include <string>
 #include <utility>
 
 #include "freeFunctions.h"
@@ -34,9 +45,9 @@ std::string ExactTest::getOriString(Orientation3 ori) const {
   VELM_ASSERT(false);
 }
 
-void ExactTest::reportNullFacetTet() { goToHell("getOrientation3, pC==NULL"); }
+void reportNullFacetTet() { goToHell("getOrientation3, pC==NULL"); }
 
-void ExactTest::badFacetIndex() { exit(1); }
+void badFacetIndex() { exit(1); }
 
 // Measures epsilon (half an ulp of 1) and the splitter on this machine, then
 // derives the error bounds of the filters and adaptive stages from epsilon.
@@ -395,305 +406,6 @@ inline void addToFinal(int& finlength, double*& finnow, double*& finother, int l
 } // namespace
 
 // ---------------------------------------------------------------------------
-// Exactness for every finite double.
-//
-// The published stages are exact while no product, and no error term of one,
-// leaves the normal range. Every coordinate of magnitude in [2^-159, 2^199)
-// is a multiple of 2^-211, so the five-fold products of the sphere test are
-// multiples of 2^-1055 (above the smallest subnormal, 2^-1074) and stay
-// below 2^1000: inside that range, or 0, the published stages run as they
-// are. Outside it the adaptive stages hand the test to anyRangeSign, which
-// takes one of two ways:
-//  1. Scaling. All coordinates times one power of two 2^k multiply each
-//     determinant by 2^(degree k) and keep its sign. When the exponents of
-//     the nonzero coordinates span no more than the range does, one 2^k
-//     brings them all inside it, exactly, and the published predicate runs
-//     on the scaled copy. Lattices near 2^1000, subnormal ones, and points
-//     scaled by 1e-150 or 1e150 all take this way.
-//  2. A filter on a rounded copy. Otherwise (magnitudes mixed across more
-//     than 2^357) the space tests first scale the largest magnitude to just
-//     below 2^100; smaller coordinates may round, each by at most 2^-1075,
-//     which moves any of the determinants by less than 2^-600 (at most 72
-//     monomials of degree five, differences below 2^101). The filter with
-//     that added to its bound decides nearly every test that is not
-//     degenerate, such as sets that reach the overflow threshold and hold
-//     subnormal coordinates too.
-//  3. Integers. Each coordinate becomes the integer c * 2^-e0, e0 the lowest
-//     set bit of all of them, at most 2098 bits, and the determinant is
-//     evaluated in the integer arithmetic below. It costs tens of
-//     microseconds a test.
-
-namespace {
-
-constexpr int kRangeLowExp = -159, kRangeHighExp = 198; // ilogb of the ends
-
-// Whether the n values are 0 or of magnitude in [2^-159, 2^199).
-inline bool inPublishedRange(const double* v, int n) { return kernels::allWithin(v, n, 0x1p-159); }
-
-// Signed integers of up to kCapacity 32-bit limbs, magnitude and sign, on
-// the stack. Enough for the sphere test's five-fold products of 2099-bit
-// differences and their sums (10,780 bits); nothing allocates.
-class ExactInteger {
-public:
-  static constexpr int kCapacity = 344;
-
-  ExactInteger() : numLimbs(0), bNegative(false) {}
-  ExactInteger(const ExactInteger& other) : numLimbs(other.numLimbs), bNegative(other.bNegative) {
-    std::copy(other.limb, other.limb + numLimbs, limb);
-  }
-  ExactInteger& operator=(const ExactInteger& other) {
-    numLimbs = other.numLimbs;
-    bNegative = other.bNegative;
-    std::copy(other.limb, other.limb + numLimbs, limb);
-    return *this;
-  }
-
-  // v * 2^-e0, for a finite v whose lowest set bit is at least 2^e0.
-  static ExactInteger fromDouble(double v, int e0) {
-    ExactInteger r;
-    if (v == 0.0) return r;
-    int e;
-    std::uint64_t m = static_cast<std::uint64_t>(std::ldexp(std::frexp(std::fabs(v), &e), 53));
-    int shift = e - 53 - e0;
-    while ((m & 1u) == 0) {  // shift is then at least 0
-      m >>= 1;
-      ++shift;
-    }
-    const int word = shift / 32, bit = shift % 32;
-    const std::uint64_t low = m << bit, high = bit == 0 ? 0 : m >> (64 - bit);
-    std::fill(r.limb, r.limb + word, 0u);
-    r.limb[word] = static_cast<std::uint32_t>(low);
-    r.limb[word + 1] = static_cast<std::uint32_t>(low >> 32);
-    r.limb[word + 2] = static_cast<std::uint32_t>(high);
-    r.numLimbs = word + 3;
-    r.bNegative = v < 0.0;
-    r.trim();
-    return r;
-  }
-
-  int sign() const { return numLimbs == 0 ? 0 : (bNegative ? -1 : 1); }
-
-  // The value times 2^e as a double of the same sign: a nonzero value too
-  // small for a double gives the smallest subnormal, a too large one infinity.
-  double toDouble(int e) const {
-    if (numLimbs == 0) return 0.0;
-    double top = 0.0;
-    const int first = std::max(0, numLimbs - 3);
-    for (int i = numLimbs - 1; i >= first; --i) top = top * 4294967296.0 + limb[i];
-    double v = std::ldexp(top, e + 32 * first);
-    if (v == 0.0) v = std::numeric_limits<double>::denorm_min();
-    return bNegative ? -v : v;
-  }
-
-  friend ExactInteger operator+(const ExactInteger& a, const ExactInteger& b) {
-    return sum(a, b, b.bNegative);
-  }
-  friend ExactInteger operator-(const ExactInteger& a, const ExactInteger& b) {
-    return sum(a, b, !b.bNegative);
-  }
-  friend ExactInteger operator*(const ExactInteger& a, const ExactInteger& b) {
-    ExactInteger r;
-    if (a.numLimbs == 0 || b.numLimbs == 0) return r;
-    r.numLimbs = a.numLimbs + b.numLimbs;
-    VELM_ASSERT(r.numLimbs <= kCapacity);
-    std::fill(r.limb, r.limb + r.numLimbs, 0u);
-    for (int i = 0; i < a.numLimbs; ++i) {
-      std::uint64_t carry = 0;
-      for (int j = 0; j < b.numLimbs; ++j) {
-        const std::uint64_t t =
-            static_cast<std::uint64_t>(a.limb[i]) * b.limb[j] + r.limb[i + j] + carry;
-        r.limb[i + j] = static_cast<std::uint32_t>(t);
-        carry = t >> 32;
-      }
-      r.limb[i + b.numLimbs] = static_cast<std::uint32_t>(carry);
-    }
-    r.bNegative = a.bNegative != b.bNegative;
-    r.trim();
-    return r;
-  }
-
-private:
-  void trim() {
-    while (numLimbs > 0 && limb[numLimbs - 1] == 0) --numLimbs;
-    if (numLimbs == 0) bNegative = false;
-  }
-  // -1, 0, 1 as |a| is below, equal to or above |b|.
-  static int compareMagnitude(const ExactInteger& a, const ExactInteger& b) {
-    if (a.numLimbs != b.numLimbs) return a.numLimbs < b.numLimbs ? -1 : 1;
-    for (int i = a.numLimbs - 1; i >= 0; --i)
-      if (a.limb[i] != b.limb[i]) return a.limb[i] < b.limb[i] ? -1 : 1;
-    return 0;
-  }
-  // a + (b with the sign bNegativeB).
-  static ExactInteger sum(const ExactInteger& a, const ExactInteger& b, bool bNegativeB) {
-    ExactInteger r;
-    if (a.bNegative == bNegativeB) {
-      const ExactInteger& big = a.numLimbs >= b.numLimbs ? a : b;
-      const ExactInteger& small = a.numLimbs >= b.numLimbs ? b : a;
-      std::uint64_t carry = 0;
-      for (int i = 0; i < big.numLimbs; ++i) {
-        const std::uint64_t t = static_cast<std::uint64_t>(big.limb[i]) +
-                                (i < small.numLimbs ? small.limb[i] : 0u) + carry;
-        r.limb[i] = static_cast<std::uint32_t>(t);
-        carry = t >> 32;
-      }
-      r.numLimbs = big.numLimbs;
-      if (carry != 0) {
-        VELM_ASSERT(r.numLimbs < kCapacity);
-        r.limb[r.numLimbs++] = static_cast<std::uint32_t>(carry);
-      }
-      r.bNegative = a.bNegative;
-    } else {
-      const int cmp = compareMagnitude(a, b);
-      if (cmp == 0) return r;
-      const ExactInteger& big = cmp > 0 ? a : b;
-      const ExactInteger& small = cmp > 0 ? b : a;
-      std::int64_t borrow = 0;
-      for (int i = 0; i < big.numLimbs; ++i) {
-        std::int64_t t = static_cast<std::int64_t>(big.limb[i]) -
-                         (i < small.numLimbs ? small.limb[i] : 0u) - borrow;
-        borrow = t < 0;
-        if (t < 0) t += 4294967296LL;
-        r.limb[i] = static_cast<std::uint32_t>(t);
-      }
-      r.numLimbs = big.numLimbs;
-      r.bNegative = cmp > 0 ? a.bNegative : bNegativeB;
-    }
-    r.trim();
-    return r;
-  }
-
-  std::uint32_t limb[kCapacity];
-  int numLimbs;
-  bool bNegative;
-};
-
-// The published determinants over differences d to the last point, in any
-// arithmetic. Orders: d = {ax, bx, ay, by} with the planar ones and
-// {ax, bx, cx, ay, by, cy, az, bz, cz} (orient3d, incircle's x and y) or
-// {ax, bx, cx, dx, ay, by, cy, dy, az, bz, cz, dz} (insphere).
-template <class T> T orient2dOf(const T* d) { return d[0] * d[3] - d[2] * d[1]; }
-
-template <class T> T orient3dOf(const T* d) {
-  return d[6] * (d[1] * d[5] - d[2] * d[4]) + d[7] * (d[2] * d[3] - d[0] * d[5]) +
-         d[8] * (d[0] * d[4] - d[1] * d[3]);
-}
-
-template <class T> T incircleOf(const T* d) {
-  const T alift = d[0] * d[0] + d[3] * d[3], blift = d[1] * d[1] + d[4] * d[4];
-  const T clift = d[2] * d[2] + d[5] * d[5];
-  return alift * (d[1] * d[5] - d[2] * d[4]) + blift * (d[2] * d[3] - d[0] * d[5]) +
-         clift * (d[0] * d[4] - d[1] * d[3]);
-}
-
-template <class T> T insphereOf(const T* d) {
-  const T &aex = d[0], &bex = d[1], &cex = d[2], &dex = d[3];
-  const T &aey = d[4], &bey = d[5], &cey = d[6], &dey = d[7];
-  const T &aez = d[8], &bez = d[9], &cez = d[10], &dez = d[11];
-  const T ab = aex * bey - bex * aey, bc = bex * cey - cex * bey;
-  const T cd = cex * dey - dex * cey, da = dex * aey - aex * dey;
-  const T ac = aex * cey - cex * aey, bd = bex * dey - dex * bey;
-  const T abc = aez * bc - bez * ac + cez * ab, bcd = bez * cd - cez * bd + dez * bc;
-  const T cda = cez * da + dez * ac + aez * cd, dab = dez * ab + aez * bd + bez * da;
-  const T alift = aex * aex + aey * aey + aez * aez, blift = bex * bex + bey * bey + bez * bez;
-  const T clift = cex * cex + cey * cey + cez * cez, dlift = dex * dex + dey * dey + dez * dez;
-  return (dlift * abc - clift * dab) + (blift * cda - alift * bcd);
-}
-
-enum PredicateKind { ORIENT2D, INCIRCLE, ORIENT3D, INSPHERE };
-
-// The sign of a published determinant of numPts points of dim coordinates
-// (pts[0..numPts-1], differences to the last one), by scaling or by integer
-// arithmetic; as a double of that sign. The scaled way returns the published
-// predicate's value scaled back (a nonzero one that would underflow stays the
-// smallest subnormal). Non-finite coordinates give 0.
-double anyRangeSign(const ExactTest& t, PredicateKind kind, double* const* pts) {
-  const int numPts = (kind == ORIENT2D) ? 3 : (kind == INSPHERE ? 5 : 4);
-  const int dim = (kind == ORIENT2D || kind == INCIRCLE) ? 2 : 3;
-  const int degree = kind == ORIENT2D ? 2 : (kind == ORIENT3D ? 3 : (kind == INCIRCLE ? 4 : 5));
-  int lowExp = INT_MAX, highExp = INT_MIN, lowBit = INT_MAX;
-  for (int i = 0; i < numPts; ++i)
-    for (int k = 0; k < dim; ++k) {
-      const double v = pts[i][k];
-      if (!std::isfinite(v)) return 0.0;
-      if (v == 0.0) continue;
-      int e;
-      const std::uint64_t m =
-          static_cast<std::uint64_t>(std::ldexp(std::frexp(std::fabs(v), &e), 53));
-      lowExp = std::min(lowExp, e - 1);
-      highExp = std::max(highExp, e - 1);
-      int low = e - 53;
-      for (std::uint64_t r = m; (r & 1u) == 0; r >>= 1) ++low;
-      lowBit = std::min(lowBit, low);
-    }
-  if (lowExp == INT_MAX) return 0.0;  // all coordinates 0
-
-  if (highExp - lowExp <= kRangeHighExp - kRangeLowExp) {
-    const int k = kRangeLowExp - lowExp;
-    double scaled[5][3];
-    double* p[5];
-    for (int i = 0; i < numPts; ++i) {
-      for (int j = 0; j < dim; ++j) scaled[i][j] = std::ldexp(pts[i][j], k);
-      p[i] = scaled[i];
-    }
-    double value;
-    switch (kind) {
-    case ORIENT2D: value = t.orient2d(p[0], p[1], p[2]); break;
-    case INCIRCLE: value = t.incircle(p[0], p[1], p[2], p[3]); break;
-    case ORIENT3D: value = t.orient3d(p[0], p[1], p[2], p[3]); break;
-    default: {
-      double det, permanent, floor;
-      kernels::insphereFilter(p[0], p[1], p[2], p[3], p[4], det, permanent, floor);
-      if (!kernels::filterDecides(det, t.isperrboundA * permanent + floor)) {
-        const unsigned int cls = t.insphereadapt(p[0], p[1], p[2], p[3], p[4], permanent);
-        det = cls == 1u ? 1.0 : (cls == 0u ? -1.0 : 0.0);
-      }
-      return det;
-    }
-    }
-    const double unscaled = std::ldexp(value, -degree * k);
-    if (unscaled == 0.0 && value != 0.0)
-      return std::copysign(std::numeric_limits<double>::denorm_min(), value);
-    return unscaled;
-  }
-
-  if (kind == ORIENT3D || kind == INSPHERE) {
-    double rounded[5][3];
-    for (int i = 0; i < numPts; ++i)
-      for (int j = 0; j < 3; ++j) rounded[i][j] = std::ldexp(pts[i][j], 99 - highExp);
-    double det, permanent, floor;
-    if (kind == ORIENT3D) {
-      kernels::orient3dFilter(rounded[0], rounded[1], rounded[2], rounded[3], det, permanent,
-                              floor);
-      floor += t.o3derrboundA * permanent;
-    } else {
-      kernels::insphereFilter(rounded[0], rounded[1], rounded[2], rounded[3], rounded[4], det,
-                                permanent, floor);
-      floor += t.isperrboundA * permanent;
-    }
-    if (kernels::filterDecides(det, floor + 0x1p-600)) return det > 0.0 ? 1.0 : -1.0;
-  }
-
-  ExactInteger d[12];
-  const int last = numPts - 1;
-  for (int k = 0; k < dim; ++k) {
-    const ExactInteger origin = ExactInteger::fromDouble(pts[last][k], lowBit);
-    for (int i = 0; i < last; ++i)
-      d[k * last + i] = ExactInteger::fromDouble(pts[i][k], lowBit) - origin;
-  }
-  ExactInteger det;
-  switch (kind) {
-  case ORIENT2D: det = orient2dOf(d); break;
-  case INCIRCLE: det = incircleOf(d); break;
-  case ORIENT3D: det = orient3dOf(d); break;
-  default: det = insphereOf(d); break;
-  }
-  return det.toDouble(degree * lowBit);
-}
-
-} // namespace
-
-// ---------------------------------------------------------------------------
 // Planar predicates.
 
 double orient2dfast(double* pa, double* pb, double* pc) {
@@ -706,7 +418,7 @@ double ExactTest::orient2dadapt(double* pa, double* pb, double* pc, double detsu
   const double coords[6] = {pa[0], pa[1], pb[0], pb[1], pc[0], pc[1]};
   if (!inPublishedRange(coords, 6)) {
     double* const pts[3] = {pa, pb, pc};
-    return anyRangeSign(*this, ORIENT2D, pts);
+    return anyRangeSign(*this, PredicateKind::ORIENT2D, pts);
   }
   const double acx = pa[0] - pc[0], bcx = pb[0] - pc[0];
   const double acy = pa[1] - pc[1], bcy = pb[1] - pc[1];
@@ -810,7 +522,7 @@ double ExactTest::incircleadapt(double* pa, double* pb, double* pc, double* pd,
   const double coords[8] = {pa[0], pa[1], pb[0], pb[1], pc[0], pc[1], pd[0], pd[1]};
   if (!inPublishedRange(coords, 8)) {
     double* const pts[4] = {pa, pb, pc, pd};
-    return anyRangeSign(*this, INCIRCLE, pts);
+    return anyRangeSign(*this, PredicateKind::INCIRCLE, pts);
   }
   const double adx = pa[0] - pd[0], bdx = pb[0] - pd[0], cdx = pc[0] - pd[0];
   const double ady = pa[1] - pd[1], bdy = pb[1] - pd[1], cdy = pc[1] - pd[1];
@@ -1090,7 +802,7 @@ double ExactTest::orient3dadapt(double* pa, double* pb, double* pc, double* pd,
                              pc[0], pc[1], pc[2], pd[0], pd[1], pd[2]};
   if (!inPublishedRange(coords, 12)) {
     double* const pts[4] = {pa, pb, pc, pd};
-    return anyRangeSign(*this, ORIENT3D, pts);
+    return anyRangeSign(*this, PredicateKind::ORIENT3D, pts);
   }
   const double adx = pa[0] - pd[0], bdx = pb[0] - pd[0], cdx = pc[0] - pd[0];
   const double ady = pa[1] - pd[1], bdy = pb[1] - pd[1], cdy = pc[1] - pd[1];
@@ -1248,8 +960,10 @@ double ExactTest::orient3dadapt(double* pa, double* pb, double* pc, double* pd,
 // A zero permanent is exact when each term has a zero z difference or both
 // its products a zero factor (none underflowed to 0): the points lie on an
 // axis-parallel plane, as in a grid's layers, and the answer is 0 at once.
-double ExactTest::orient3dUndecided(double* pa, double* pb, double* pc, double* pd,
-                                    double permanent) const {
+namespace {
+
+double orient3dUndecided(const ExactTest& t, double* pa, double* pb, double* pc, double* pd,
+                         double permanent) {
   auto noProduct = [](double x1, double y2, double x2, double y1) {
     return (x1 == 0.0 || y2 == 0.0) && (x2 == 0.0 || y1 == 0.0);
   };
@@ -1259,14 +973,16 @@ double ExactTest::orient3dUndecided(double* pa, double* pb, double* pc, double* 
       (pb[2] == pd[2] || noProduct(cdx, ady, adx, cdy)) &&
       (pc[2] == pd[2] || noProduct(adx, bdy, bdx, ady)))
     return 0.0;
-  return orient3dadapt(pa, pb, pc, pd, permanent);
+  return t.orient3dadapt(pa, pb, pc, pd, permanent);
 }
+
+} // namespace
 
 double ExactTest::orient3d(double* pa, double* pb, double* pc, double* pd) const {
   double det, permanent, floor;
   kernels::orient3dFilter(pa, pb, pc, pd, det, permanent, floor);
   if (kernels::filterDecides(det, o3derrboundA * permanent + floor)) return det;
-  return orient3dUndecided(pa, pb, pc, pd, permanent);
+  return orient3dUndecided(*this, pa, pb, pc, pd, permanent);
 }
 
 // ---------------------------------------------------------------------------
@@ -1460,7 +1176,7 @@ unsigned int ExactTest::insphereexact(double* pa, double* pb, double* pc, double
                              pc[2], pd[0], pd[1], pd[2], pe[0], pe[1], pe[2]};
   if (!inPublishedRange(coords, 15)) {
     double* const pts[5] = {pa, pb, pc, pd, pe};
-    return signClass(anyRangeSign(*this, INSPHERE, pts));
+    return signClass(anyRangeSign(*this, PredicateKind::INSPHERE, pts));
   }
   // Two-by-two minors of the absolute coordinates, x of the first point.
   double ab[4], bc[4], cd[4], de[4], ea[4], ac[4], bd[4], ce[4], da[4], eb[4];
@@ -1576,7 +1292,7 @@ unsigned int ExactTest::insphereadapt(double* pa, double* pb, double* pc, double
                              pc[2], pd[0], pd[1], pd[2], pe[0], pe[1], pe[2]};
   if (!inPublishedRange(coords, 15)) {
     double* const pts[5] = {pa, pb, pc, pd, pe};
-    return signClass(anyRangeSign(*this, INSPHERE, pts));
+    return signClass(anyRangeSign(*this, PredicateKind::INSPHERE, pts));
   }
 
   double ab[4], bc[4], cd[4], da[4], ac[4], bd[4];
@@ -1672,77 +1388,43 @@ double ExactTest::insphere(double* pa, double* pb, double* pc, double* pd, doubl
 }
 
 // ---------------------------------------------------------------------------
-// The two tests where the filter has left the sign open.
+// The two tests of the mesh where the filter has left the sign open.
 
-double ExactTest::orientationUndecided(const Point3* a, const Point3* b, const Point3* c,
-                                       const Point3* d, double permanent) const {
+double orientationUndecided(const ExactTest& t, const Point3* a, const Point3* b,
+                            const Point3* c, const Point3* d, double permanent) {
   double p[4][3];
   kernels::orientationTestCoordinates(a, b, c, d, p);
-  return orient3dUndecided(p[0], p[1], p[2], p[3], permanent);
+  return orient3dUndecided(t, p[0], p[1], p[2], p[3], permanent);
 }
 
 // A query with the coordinates of a corner zeroes a row of the determinant,
 // so det and permanent are 0 and it lands here: by pointer it is that
 // corner, otherwise insphereadapt classifies it.
-SphereInclusion ExactTest::sphereInclusionUndecided(Tet3* pTet, const Point3* pQ, double permanent) const {
+SphereInclusion sphereInclusionUndecided(const ExactTest& t, Tet3* pTet, const Point3* pQ,
+                                         double permanent) {
   if (pTet->getCorner(0) == pQ || pTet->getCorner(1) == pQ || pTet->getCorner(2) == pQ ||
       pTet->getCorner(3) == pQ)
     return SIC_CORNER;
   double p[5][3];
   kernels::sphereTestCoordinates(pTet, pQ, p);
   // Class 0 is inside; 1 (outside) and 2 (on the sphere) are not.
-  return insphereadapt(p[0], p[1], p[2], p[3], p[4], permanent) > 0 ? SIC_OUTSIDE : SIC_INSIDE;
+  return t.insphereadapt(p[0], p[1], p[2], p[3], p[4], permanent) > 0 ? SIC_OUTSIDE : SIC_INSIDE;
 }
 
 // ---------------------------------------------------------------------------
-// The public entries of the two tests and of the filters. They are defined
-// here, out of line, so that they run with this file's floating-point flags
-// whatever flags the caller compiles with; each is the inline form of
-// BrixTest3Inline.h, which the insertion calls directly.
+// The public entries of the two tests: the floored inline forms of
+// BrixTest3Inline.h, defined here, out of line, so that they run with this
+// file's floating-point flags whatever flags the caller compiles with.
 
 Orientation3 ExactTest::getOrientation3(const Point3* a, const Point3* b, const Point3* c,
                                         const Point3* d) const {
-  return orientationOf<true>(a, b, c, d);
+  return orientationOf<false>(*this, a, b, c, d);
 }
 Orientation3 ExactTest::getOrientation3(Tet3* pC, int ith, const Point3* pQ) const {
-  return orientationOfFacet<true>(pC, ith, pQ);
-}
-Orientation3 ExactTest::getOrientation3InRange(Tet3* pC, int ith, const Point3* pQ) const {
-  return orientationOfFacet<false>(pC, ith, pQ);
+  return orientationOfFacet<false>(*this, pC, ith, pQ);
 }
 SphereInclusion ExactTest::sphereInclusionTest(Tet3* pTet, const Point3* pQ) const {
-  return sphereInclusion<true>(pTet, pQ);
-}
-SphereInclusion ExactTest::sphereInclusionTestInRange(Tet3* pTet, const Point3* pQ) const {
-  return sphereInclusion<false>(pTet, pQ);
-}
-
-bool ExactTest::inFloorFreeRange(const Point3& p) { return kernels::inFloorFreeRange(p); }
-bool ExactTest::allWithin(const double* v, int n, double low) { return kernels::allWithin(v, n, low); }
-bool ExactTest::filterDecides(double det, double errbound) {
-  return kernels::filterDecides(det, errbound);
-}
-
-void ExactTest::orient3dFilter(const double* pa, const double* pb, const double* pc,
-                               const double* pd, double& det, double& permanent, double& floor) {
-  kernels::orient3dFilter(pa, pb, pc, pd, det, permanent, floor);
-}
-void ExactTest::insphereFilter(const double* pa, const double* pb, const double* pc,
-                               const double* pd, const double* pe, double& det, double& permanent,
-                               double& floor) {
-  kernels::insphereFilter(pa, pb, pc, pd, pe, det, permanent, floor);
-}
-#if defined(__SSE2__)
-void ExactTest::insphereFilterSse2(const double* pa, const double* pb, const double* pc,
-                                   const double* pd, const double* pe, double& det,
-                                   double& permanent, double& floor) {
-  kernels::insphereFilterSse2(pa, pb, pc, pd, pe, det, permanent, floor);
-}
-#endif
-void ExactTest::insphereFilterFastest(const double* pa, const double* pb, const double* pc,
-                                      const double* pd, const double* pe, double& det,
-                                      double& permanent, double& floor) {
-  kernels::insphereFilterFastest(pa, pb, pc, pd, pe, det, permanent, floor);
+  return sphereInclusionOf<false>(*this, pTet, pQ);
 }
 
 } // namespace VELM3D

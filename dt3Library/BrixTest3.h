@@ -11,9 +11,10 @@
 // function of ExactTest is defined out of line, in code compiled with the
 // library's own flags, so a caller that builds with -march=native, a GNU
 // dialect (whose default contracts a*b+c into a fused multiply-add) or
-// -ffp-contract=fast still gets exact answers. The error-free building
-// blocks (Two_Sum, Two_Product, Split, ...) and the inline bodies of the
-// filters, which the insertion's hot loops need, live in the private header
+// -ffp-contract=fast still gets exact answers. What only the library's own
+// code needs, the error-free building blocks (Two_Sum, Two_Product, Split,
+// ...), the filters as inline kernels and the floor-free forms of the two
+// tests that the insertion's hot loops inline, lives in the private header
 // BrixTest3Inline.h, which is not installed and is included only by code
 // built with the library's flags.
 //
@@ -33,8 +34,9 @@
 // say so in their bounds (a floor for what underflow can cost; overflow
 // makes the bound itself infinite), and the adaptive stages hand input that
 // lies outside the published range to an evaluation that holds for any
-// finite coordinates (see BrixTest3.cpp). NaN and infinite coordinates are
-// outside what the tests decide: the answer is then meaningless but defined.
+// finite coordinates (BrixTest3AnyDouble.cpp). NaN and infinite coordinates
+// are outside what the tests decide: the answer is then meaningless but
+// defined.
 //
 // An ExactTest holds only the fifteen constants that exactinit measures; it
 // is read-only after construction, and all scratch lives on the caller's
@@ -46,8 +48,6 @@
 #include "Tet3.h"
 
 namespace VELM3D {
-
-class Dt3;
 
 enum Orientation3 { ORIENTATION3_POSITIVE = 0, ORIENTATION3_NEGATIVE = 1, ORI3_ZERO = 2 };
 enum SphereInclusion { SIC_INSIDE = 0, SIC_OUTSIDE = 1, SIC_CORNER = 2 };
@@ -68,41 +68,6 @@ public:
 
   // Whether pQ lies strictly inside the circumsphere of pTet.
   SphereInclusion sphereInclusionTest(Tet3* pTet, const Point3* pQ) const;
-
-  // The same two tests without the filters' floor for underflow, for callers
-  // that know every coordinate involved to be 0 or of magnitude in
-  // [2^-150, 2^199), as inFloorFreeRange says of a point. Every value the
-  // filters compute is then a multiple of 2^-1010 (a coordinate's lowest
-  // bit is at least 2^-202, and rounding keeps multiples) and below 2^1010,
-  // so no product leaves the normal range and the published bound alone
-  // holds. The insertion uses them while all its vertices lie in the range.
-  Orientation3 getOrientation3InRange(Tet3* pC, int ith, const Point3* pQ) const;
-  SphereInclusion sphereInclusionTestInRange(Tet3* pTet, const Point3* pQ) const;
-  static bool inFloorFreeRange(const Point3& p);
-  // Whether the n values are 0 or of magnitude in [low, 2^199).
-  static bool allWithin(const double* v, int n, double low);
-
-  // The determinant and permanent of the orientation filter, and its floor:
-  // a bound on what products that fell below the normal range can have cost.
-  static void orient3dFilter(const double* pa, const double* pb, const double* pc,
-                             const double* pd, double& det, double& permanent, double& floor);
-  // The same three values for the sphere test's filter; the SSE2 form
-  // computes the same bits two terms at a time.
-  static void insphereFilter(const double* pa, const double* pb, const double* pc,
-                             const double* pd, const double* pe, double& det, double& permanent,
-                             double& floor);
-#if defined(__SSE2__)
-  static void insphereFilterSse2(const double* pa, const double* pb, const double* pc,
-                                 const double* pd, const double* pe, double& det,
-                                 double& permanent, double& floor);
-#endif
-  // The paired form where SSE2 is there, else the scalar one: the same bits.
-  static void insphereFilterFastest(const double* pa, const double* pb, const double* pc,
-                                    const double* pd, const double* pe, double& det,
-                                    double& permanent, double& floor);
-  // Whether a filter's det has a certain sign: |det| beyond errbound, the
-  // published bound plus the floor (see BrixTest3Inline.h).
-  static bool filterDecides(double det, double errbound);
 
   double orient3d(double* pa, double* pb, double* pc, double* pd) const;
   double orient3dadapt(double* pa, double* pb, double* pc, double* pd, double permanent) const;
@@ -127,34 +92,6 @@ public:
   double o3derrboundA, o3derrboundB, o3derrboundC;
   double iccerrboundA, iccerrboundB, iccerrboundC;
   double isperrboundA, isperrboundB, isperrboundC;
-
-private:
-  // The insertion calls the inline forms below directly, so that its walk
-  // and cavity loops carry the filters in line; their bodies are in
-  // BrixTest3Inline.h, which only the library's own sources include.
-  friend class Dt3;
-
-  template <bool bFloor>
-  inline Orientation3 orientationOf(const Point3* a, const Point3* b, const Point3* c,
-                                    const Point3* d) const;
-  template <bool bFloor>
-  inline Orientation3 orientationOfFacet(Tet3* pC, int ith, const Point3* pQ) const;
-  template <bool bFloor> inline SphereInclusion sphereInclusion(Tet3* pTet, const Point3* pQ) const;
-  // What orient3d does when its filter leaves the sign open: 0 at once for
-  // a permanent that is exactly 0, else orient3dadapt.
-  double orient3dUndecided(double* pa, double* pb, double* pc, double* pd, double permanent) const;
-  // What the two inline tests do when their filter leaves the sign open:
-  // orient3dUndecided's det; for the sphere the corner test by pointer, then
-  // the class of insphereadapt. Out of line, and reading the coordinates
-  // again, so that the inline forms hand no array to the adaptive stages
-  // and keep their coordinates in registers.
-  double orientationUndecided(const Point3* a, const Point3* b, const Point3* c, const Point3* d,
-                              double permanent) const;
-  SphereInclusion sphereInclusionUndecided(Tet3* pTet, const Point3* pQ, double permanent) const;
-  // goToHell("getOrientation3, pC==NULL"); the caller then goes on.
-  static void reportNullFacetTet();
-  // A facet index above 3 ends the process with status 1, without a message.
-  [[noreturn]] static void badFacetIndex();
 };
 
 // Expansion routines that need no constants.

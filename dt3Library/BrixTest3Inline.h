@@ -8,10 +8,18 @@
 //
 // It holds the error-free building blocks of the expansion arithmetic, the
 // filters of the orientation and sphere tests as inline kernels, and the
-// inline forms of the two tests (ExactTest::orientationOfFacet<bFloor> and
-// ExactTest::sphereInclusion<bFloor>) that the insertion's walk and cavity
-// loops call. The public functions of BrixTest3.h are out-of-line wrappers
-// around these, defined in BrixTest3.cpp.
+// inline forms of the two tests (orientationOfFacet<bFloorFree> and
+// sphereInclusionOf<bFloorFree>) that the insertion's walk and cavity loops
+// call. The public getOrientation3 and sphereInclusionTest of BrixTest3.h
+// are the floored forms, instantiated out of line in BrixTest3.cpp.
+//
+// Floor-free: every coordinate involved is 0 or of magnitude in
+// [2^-150, 2^199), as kernels::inFloorFreeRange says of a point. Every value
+// the filters compute is then a multiple of 2^-1010 (a coordinate's lowest
+// bit is at least 2^-202, and rounding keeps multiples) and below 2^1010, so
+// no product leaves the normal range and the published bound alone holds:
+// the filters need no floor for underflow. The insertion uses the floor-free
+// forms while all its vertices are floor-free.
 #pragma once
 
 #include <algorithm>
@@ -268,7 +276,7 @@ inline void Two_Square(double a1, double a0, double& x5, double& x4, double& x3,
 // ---------------------------------------------------------------------------
 // The filters, as inline kernels. They stand in this header so that the
 // insertion's hot loops inline them; only the undecided cases leave for the
-// adaptive stages. ExactTest's static functions of the same names call them.
+// adaptive stages; the predicates of BrixTest3.cpp use the same kernels.
 // The filters are always inlined: called as functions they return their
 // three results through memory, and a compiler that sees many calls of the
 // sphere filter in one file would otherwise keep one shared copy.
@@ -284,8 +292,8 @@ inline bool allWithin(const double* v, int n, double low) {
   return ok;
 }
 
-// Whether every coordinate of p is 0 or of magnitude in [2^-150, 2^199),
-// the range of the floor-free forms of the two tests.
+// Whether p is floor-free: every coordinate 0 or of magnitude in
+// [2^-150, 2^199).
 inline bool inFloorFreeRange(const Point3& p) {
   const double c[3] = {p.x(), p.y(), p.z()};
   return allWithin(c, 3, 0x1p-150);
@@ -489,48 +497,64 @@ inline void insphereFilterFastest(const double* pa, const double* pb, const doub
 } // namespace kernels
 
 // ---------------------------------------------------------------------------
-// The inline forms of the orientation and sphere tests. bFloor adds the
-// filters' floor for underflow; without it the forms hold only for
-// coordinates in the floor-free range (see BrixTest3.h).
+// The inline forms of the orientation and sphere tests. With bFloorFree the
+// filters leave out their floor for underflow, which holds only while every
+// coordinate is floor-free (see above); without it they are the public
+// getOrientation3 and sphereInclusionTest, for any finite coordinates.
 
-template <bool bFloor>
-inline Orientation3 ExactTest::orientationOf(const Point3* a, const Point3* b, const Point3* c,
-                                             const Point3* d) const {
+// What the two inline forms do when their filter leaves the sign open, out of
+// line and reading the coordinates again, so that the inline forms hand no
+// array to the adaptive stages and keep their coordinates in registers: the
+// exact orientation determinant (0 at once for an exactly zero permanent,
+// else orient3dadapt); for the sphere the corner test by pointer, then the
+// class of insphereadapt.
+double orientationUndecided(const ExactTest& t, const Point3* a, const Point3* b,
+                            const Point3* c, const Point3* d, double permanent);
+SphereInclusion sphereInclusionUndecided(const ExactTest& t, Tet3* pTet, const Point3* pQ,
+                                         double permanent);
+// goToHell("getOrientation3, pC==NULL"); the caller then goes on.
+void reportNullFacetTet();
+// A facet index above 3 ends the process with status 1, without a message.
+[[noreturn]] void badFacetIndex();
+
+template <bool bFloorFree>
+inline Orientation3 orientationOf(const ExactTest& t, const Point3* a, const Point3* b,
+                                  const Point3* c, const Point3* d) {
   double p[4][3];
   kernels::orientationTestCoordinates(a, b, c, d, p);
   double det, permanent, floor;
   kernels::orient3dFilter(p[0], p[1], p[2], p[3], det, permanent, floor);
-  const double errbound = o3derrboundA * permanent + (bFloor ? floor : 0.0);
+  const double errbound = t.o3derrboundA * permanent + (bFloorFree ? 0.0 : floor);
   // Without underflow a zero permanent is an exact zero of every term.
-  if (!kernels::filterDecides(det, errbound) && (bFloor || permanent != 0.0))
-    det = orientationUndecided(a, b, c, d, permanent);
+  if (!kernels::filterDecides(det, errbound) && (!bFloorFree || permanent != 0.0))
+    det = orientationUndecided(t, a, b, c, d, permanent);
   // The published determinant is negative when d sees a, b, c counterclockwise.
   if (det < 0.0) return ORIENTATION3_POSITIVE;
   if (det > 0.0) return ORIENTATION3_NEGATIVE;
   return ORI3_ZERO;
 }
 
-template <bool bFloor>
-inline Orientation3 ExactTest::orientationOfFacet(Tet3* pC, int ith, const Point3* pQ) const {
+template <bool bFloorFree>
+inline Orientation3 orientationOfFacet(const ExactTest& t, Tet3* pC, int ith, const Point3* pQ) {
   if (pC == nullptr) reportNullFacetTet();
   switch (ith) {
-  case 0: return orientationOf<bFloor>(pC->getCorner(1), pC->getCorner(3), pC->getCorner(2), pQ);
-  case 1: return orientationOf<bFloor>(pC->getCorner(0), pC->getCorner(2), pC->getCorner(3), pQ);
-  case 2: return orientationOf<bFloor>(pC->getCorner(0), pC->getCorner(3), pC->getCorner(1), pQ);
-  case 3: return orientationOf<bFloor>(pC->getCorner(0), pC->getCorner(1), pC->getCorner(2), pQ);
+  case 0: return orientationOf<bFloorFree>(t, pC->getCorner(1), pC->getCorner(3), pC->getCorner(2), pQ);
+  case 1: return orientationOf<bFloorFree>(t, pC->getCorner(0), pC->getCorner(2), pC->getCorner(3), pQ);
+  case 2: return orientationOf<bFloorFree>(t, pC->getCorner(0), pC->getCorner(3), pC->getCorner(1), pQ);
+  case 3: return orientationOf<bFloorFree>(t, pC->getCorner(0), pC->getCorner(1), pC->getCorner(2), pQ);
   default: badFacetIndex();
   }
 }
 
-template <bool bFloor>
-inline SphereInclusion ExactTest::sphereInclusion(Tet3* pTet, const Point3* pQ) const {
+template <bool bFloorFree>
+inline SphereInclusion sphereInclusionOf(const ExactTest& t, Tet3* pTet, const Point3* pQ) {
   double p[5][3];
   kernels::sphereTestCoordinates(pTet, pQ, p);
   double det, permanent, floor;
   kernels::insphereFilterFastest(p[0], p[1], p[2], p[3], p[4], det, permanent, floor);
-  const double errbound = isperrboundA * permanent + (bFloor ? floor : 0.0);
+  const double errbound = t.isperrboundA * permanent + (bFloorFree ? 0.0 : floor);
   // Decided only when |det| exceeds the bound, as published.
-  if (!kernels::filterDecides(det, errbound)) return sphereInclusionUndecided(pTet, pQ, permanent);
+  if (!kernels::filterDecides(det, errbound)) return sphereInclusionUndecided(t, pTet, pQ, permanent);
   // A positively oriented Tet3 has a negative published orientation, so a
   // negative published insphere determinant means strictly inside.
   return det > 0.0 ? SIC_OUTSIDE : SIC_INSIDE;

@@ -41,8 +41,7 @@ const int nextFacetIndex[4] = {1, 2, 3, 0};
 
 Dt3::Dt3(Velm_3D* pInterface_)
     : numStoredTCS(0), bFullDimensional(false), hc3(27), pInterface(pInterface_), bVerbose(false),
-      pProgress(nullptr), pProgressUser(nullptr), bFloorFreeRange(true),
-      bVerticesWaiting(false) {
+      pProgress(nullptr), pProgressUser(nullptr), bAllFloorFree(true), bVerticesWaiting(false) {
   vTcsTable.assign(1024, nullptr);
   poolTwoTet.init(1024, 512);
   poolTet.init(28, -1);
@@ -82,7 +81,7 @@ void Dt3::insertVector(std::vector<Point3>& vPoints, std::vector<Point3*>& vUser
   const size_t n = vPoints.size();
   std::cout << "numPoints=" << n << std::endl;
   if (n == 0) return;
-  for (const Point3& p : vPoints) bFloorFreeRange = bFloorFreeRange && kernels::inFloorFreeRange(p);
+  for (const Point3& p : vPoints) bAllFloorFree = bAllFloorFree && kernels::inFloorFreeRange(p);
   std::vector<Point3*> vNewVertices;
   hc3.addPoints(vPoints, vUserHandles, vNewVertices);
 
@@ -113,7 +112,7 @@ void Dt3::insertRows(const double* pXyz, size_t numRows, std::vector<Point3*>& v
   vPoints.reserve(numRows);
   for (size_t i = 0; i < numRows; ++i) {
     vPoints.emplace_back(pXyz[3 * i], pXyz[3 * i + 1], pXyz[3 * i + 2]);
-    bFloorFreeRange = bFloorFreeRange && kernels::inFloorFreeRange(vPoints.back());
+    bAllFloorFree = bAllFloorFree && kernels::inFloorFreeRange(vPoints.back());
   }
   std::vector<Point3*> vNewVertices;
   hc3.addPoints(vPoints, vUserHandles, vNewVertices);
@@ -144,7 +143,7 @@ void Dt3::insertRows(const double* pXyz, size_t numRows, std::vector<Point3*>& v
 }
 
 Point3* Dt3::insert(Point3& p) {
-  bFloorFreeRange = bFloorFreeRange && kernels::inFloorFreeRange(p);
+  bAllFloorFree = bAllFloorFree && kernels::inFloorFreeRange(p);
   std::pair<Point3*, Tet3*> stored = hc3.addPoint(p);
   Point3* pVtx = stored.first;
   if (bFullDimensional) {
@@ -262,7 +261,7 @@ void Dt3::triangulateList(std::vector<Point3*>& vVertices, Tet3* pLastTet, bool 
     return;
   }
   // The list may come from a caller of this public entry, not the intake.
-  for (const Point3* p : vVertices) bFloorFreeRange = bFloorFreeRange && kernels::inFloorFreeRange(*p);
+  for (const Point3* p : vVertices) bAllFloorFree = bAllFloorFree && kernels::inFloorFreeRange(*p);
   const unsigned long n = vVertices.size();
   const int numLevels =
       std::max(static_cast<int>(std::ceil(std::log(static_cast<double>(n)) / 0.6931471805599453)) - 4, 0);
@@ -365,14 +364,14 @@ Point3* Dt3::createPendingVertex(double, double, double) {
 // in whose closed triangle it lies; locateStepLimit (-99) the step limit ran
 // out.
 
-inline Orientation3 Dt3::facetOrientation(Tet3* pTet, int ith, const Point3* pVtx, bool bInRange) const {
+inline Orientation3 Dt3::facetOrientation(Tet3* pTet, int ith, const Point3* pVtx, bool bFloorFree) const {
   // The floored form is the rare one and stays out of line, so that the
   // loops around the inlined floor-free form keep their registers.
-  return bInRange ? predicates.orientationOfFacet<false>(pTet, ith, pVtx) : predicates.getOrientation3(pTet, ith, pVtx);
+  return bFloorFree ? orientationOfFacet<true>(predicates, pTet, ith, pVtx) : predicates.getOrientation3(pTet, ith, pVtx);
 }
 
 inline SphereInclusion Dt3::sphereInclusion(Tet3* pTet, const Point3* pVtx) const {
-  return bFloorFreeRange ? predicates.sphereInclusion<false>(pTet, pVtx) : predicates.sphereInclusionTest(pTet, pVtx);
+  return bAllFloorFree ? sphereInclusionOf<true>(predicates, pTet, pVtx) : predicates.sphereInclusionTest(pTet, pVtx);
 }
 
 int Dt3::locateConflictTet(Point3* pVtx, Tet3*& pStartTet) {
@@ -381,7 +380,7 @@ int Dt3::locateConflictTet(Point3* pVtx, Tet3*& pStartTet) {
     return locateStepLimit;
   }
   // A query of locate need not be stored: it must be in the range too.
-  const bool bInRange = bFloorFreeRange && kernels::inFloorFreeRange(*pVtx);
+  const bool bFloorFree = bAllFloorFree && kernels::inFloorFreeRange(*pVtx);
   int ith = 0;
   int numFacetsLeft = 4;
   int numSteps = 0;
@@ -395,7 +394,7 @@ int Dt3::locateConflictTet(Point3* pVtx, Tet3*& pStartTet) {
       return locateStepLimit;
     }
     ++numSteps;
-    const Orientation3 ori = facetOrientation(pStartTet, ith, pVtx, bInRange);
+    const Orientation3 ori = facetOrientation(pStartTet, ith, pVtx, bFloorFree);
     if (ori == ORIENTATION3_NEGATIVE) {
       Tet3* pNext = pStartTet->getOppTet(ith);
       if (pNext == nullptr) return ith;
@@ -406,7 +405,7 @@ int Dt3::locateConflictTet(Point3* pVtx, Tet3*& pStartTet) {
       continue;
     }
     if (ori == ORI3_ZERO) {
-      const int result = coplanarCase(pVtx, pStartTet, ith, bInRange);
+      const int result = coplanarCase(pVtx, pStartTet, ith, bFloorFree);
       if (result != walkGoesOn) return result;
     }
     ith = nextFacetIndex[ith];
@@ -428,12 +427,12 @@ int Dt3::locateConflictTet(Point3* pVtx, Tet3*& pStartTet) {
 // the point lies in the closed tetrahedron: on a corner, inside a facet, or
 // on an edge, round which the walk circulates until the edge closes (an
 // inner edge) or reaches the hull.
-int Dt3::coplanarCase(Point3* pVtx, Tet3*& pStartTet, int ith, bool bInRange) {
+int Dt3::coplanarCase(Point3* pVtx, Tet3*& pStartTet, int ith, bool bFloorFree) {
   if (pStartTet->hasVertex(*pVtx)) return locateOnVertex;
   int numPositive = 0, numNegative = 0, numCoplanar = 0;
   int outIndex = -1, opp2ICI = -1;
   for (int k = 0; k < 4; ++k) {
-    const Orientation3 oriK = facetOrientation(pStartTet, k, pVtx, bInRange);
+    const Orientation3 oriK = facetOrientation(pStartTet, k, pVtx, bFloorFree);
     if (oriK == ORIENTATION3_POSITIVE) {
       ++numPositive;
     } else if (oriK == ORIENTATION3_NEGATIVE) {
@@ -648,7 +647,7 @@ void Dt3::ch_getVisibleTets(Point3*& pVtx, Tet3* pStartTet, int opp3ICI, std::ve
     Tet3* pCurTet = it.getTet();
     const int opp2ICI = it.getOpp2Index();
     VELM_ASSERT(pCurTet->getOppTet(opp2ICI)==NULL);
-    if (facetOrientation(pCurTet, opp2ICI, pVtx, bFloorFreeRange) != ORIENTATION3_NEGATIVE) continue;
+    if (facetOrientation(pCurTet, opp2ICI, pVtx, bAllFloorFree) != ORIENTATION3_NEGATIVE) continue;
     for (int k = 0; k < 4; ++k) {
       if (k == opp2ICI) continue;
       const Edge3 e = pCurTet->getEdge(opp2ICI, k);
@@ -693,7 +692,7 @@ Tet3* Dt3::glueTetsToVisibleKeptOnes(std::vector<Tet3*>& vStayTets, Point3* pVtx
     VELM_ASSERT(!pCHTet->hasBeenVisited);
     for (int k = 0; k < 4; ++k) {
       if (pCHTet->getOppTet(k) != nullptr) continue;
-      const Orientation3 orient = facetOrientation(pCHTet, k, pVtx, bFloorFreeRange);
+      const Orientation3 orient = facetOrientation(pCHTet, k, pVtx, bAllFloorFree);
       if (orient == ORIENTATION3_POSITIVE || orient == ORI3_ZERO) continue;
       VELM_ASSERT(orient==ORIENTATION3_NEGATIVE);
       // The corners of facet k in the order of its orientation test: the new
@@ -726,7 +725,7 @@ Tet3* Dt3::glueTetsToBackSidesOfDoomedOnes(std::vector<Tet3*>& vDoomedTets, Poin
     for (int k = 0; k < 4; ++k) {
       // A facet seen from outside vanishes with the tetrahedron; a coplanar
       // one would give a flat tetrahedron.
-      if (facetOrientation(pDoomedTet, k, pVtx, bFloorFreeRange) != ORIENTATION3_POSITIVE) continue;
+      if (facetOrientation(pDoomedTet, k, pVtx, bAllFloorFree) != ORIENTATION3_POSITIVE) continue;
       Tet3* pOppTet = pDoomedTet->getOppTet(k);
       if (pOppTet != nullptr && pOppTet->hasBeenVisited) continue;
       pNewTet = newTetOnFacet(pDoomedTet, k, pVtx, pOppTet);

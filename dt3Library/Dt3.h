@@ -224,12 +224,12 @@ private:
   // Takes a fresh record from the pool (when no retired one is waiting).
   Tet3* newTetFromPool();
 
-  // The insertion's tests, in the form the range allows (see bFloorFreeRange).
-  inline Orientation3 facetOrientation(Tet3* pTet, int ith, const Point3* pVtx, bool bInRange) const;
+  // The insertion's tests, in the form the range allows (see bAllFloorFree).
+  inline Orientation3 facetOrientation(Tet3* pTet, int ith, const Point3* pVtx, bool bFloorFree) const;
   inline SphereInclusion sphereInclusion(Tet3* pTet, const Point3* pVtx) const;
   // The walk's answer for a point in the plane of facet ith, or walkGoesOn.
   static constexpr int walkGoesOn = -3;
-  int coplanarCase(Point3* pVtx, Tet3*& pStartTet, int ith, bool bInRange);
+  int coplanarCase(Point3* pVtx, Tet3*& pStartTet, int ith, bool bFloorFree);
 
   // Cavity steps shared by the interior and the hull path: a tetrahedron in
   // conflict is marked, pushed for the flood and doomed; a boundary facet of
@@ -268,9 +268,9 @@ private:
   void* pProgressUser;
   // Whether every coordinate stored so far is 0 or of magnitude in
   // [2^-150, 2^199): then the walk and the cavity use the predicates'
-  // InRange forms, which skip the floor for underflow. Cleared for good by
+  // floor-free forms, which skip the floor for underflow. Cleared for good by
   // the first point outside.
-  bool bFloorFreeRange;
+  bool bAllFloorFree;
   // Whether some stored vertex may be outside the mesh (stored before the
   // first tetrahedron, left out by insert or insertVector, or not reached
   // after a stop); insertRows then takes them all in.

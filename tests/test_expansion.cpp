@@ -5,9 +5,8 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <functional>
 #include <random>
-#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "BrixTest3Inline.h"
@@ -59,29 +58,18 @@ int randomExpansion(std::mt19937_64& rng, double* e, int maxLen) {
   return len;
 }
 
-// A sum routine, its name, and whether it promises no zero components.
-using SumRoutine =
-    std::tuple<const char*, std::function<int(int, double*, int, double*, double*)>, bool>;
+// A sum routine and whether it promises no zero components.
+using SumRoutine = std::pair<int (*)(int, double*, int, double*, double*), bool>;
 
 } // namespace
 
-TEST(ExactInit, ConstantsAreTheMeasuredIeeeValues) {
+// The bounds derive from epsilon; what they must achieve is tested through
+// the predicates, which must answer with the plain determinant where the
+// bounds let the filters decide and exactly everywhere else.
+TEST(ExactInit, MeasuresTheIeeeSplitterAndEpsilon) {
   ExactTest t;
-  EXPECT_EQ(t.splitter, 134217729.0);
+  EXPECT_EQ(t.splitter, 0x1p27 + 1);
   EXPECT_EQ(t.epsilon, 0x1p-53);
-  EXPECT_EQ(t.resulterrbound, 3.3306690738754706e-16);
-  EXPECT_EQ(t.ccwerrboundA, 3.3306690738754716e-16);
-  EXPECT_EQ(t.ccwerrboundB, 2.2204460492503146e-16);
-  EXPECT_EQ(t.ccwerrboundC, 1.1093356479670487e-31);
-  EXPECT_EQ(t.o3derrboundA, 7.771561172376103e-16);
-  EXPECT_EQ(t.o3derrboundB, 3.330669073875473e-16);
-  EXPECT_EQ(t.o3derrboundC, 3.2047474274603644e-31);
-  EXPECT_EQ(t.iccerrboundA, 1.1102230246251577e-15);
-  EXPECT_EQ(t.iccerrboundB, 4.440892098500632e-16);
-  EXPECT_EQ(t.iccerrboundC, 5.423418723394464e-31);
-  EXPECT_EQ(t.isperrboundA, 1.7763568394002532e-15);
-  EXPECT_EQ(t.isperrboundB, 5.551115123125792e-16);
-  EXPECT_EQ(t.isperrboundC, 8.751425667295619e-31);
   // A second measurement starts from fixed values and gives the same bits.
   ExactTest u = t;
   u.exactinit();
@@ -141,45 +129,42 @@ TEST(BuildingBlocks, LibraryProductTailIsExactUnderItsFlags) {
   EXPECT_EQ(exactSum(n, h), (mpq_class(e[0]) + mpq_class(e[1])) * mpq_class(f));
 }
 
-TEST(ExpansionSums, MatchRationalSumsOnRandomExpansions) {
-  std::vector<SumRoutine> v = {{"expansion_sum", expansion_sum, false},
-                               {"expansion_sum_zeroelim1", expansion_sum_zeroelim1, true},
-                               {"expansion_sum_zeroelim2", expansion_sum_zeroelim2, false},
-                               {"fast_expansion_sum", fast_expansion_sum, false},
-                               {"fast_expansion_sum_zeroelim", fast_expansion_sum_zeroelim, true},
-                               {"linear_expansion_sum", linear_expansion_sum, false},
-                               {"linear_expansion_sum_zeroelim", linear_expansion_sum_zeroelim, true}};
+// Sums of two random expansions, half of them cancelling, and grow,
+// compress and scale on the first: exact, nonoverlapping, of length at least
+// 1, and without zero components where the routine promises it. Inputs end
+// at an unreadable page: every routine stops at each end.
+TEST(ExpansionSums, MatchRationalArithmeticOnRandomExpansions) {
+  const ExactTest t;
+  const SumRoutine vSums[] = {{expansion_sum, false},        {expansion_sum_zeroelim1, true},
+                              {expansion_sum_zeroelim2, false}, {fast_expansion_sum, false},
+                              {fast_expansion_sum_zeroelim, true}, {linear_expansion_sum, false},
+                              {linear_expansion_sum_zeroelim, true}};
   std::mt19937_64 rng(11);
   double e[12], f[12], h[24];
-  for (int i = 0; i < 15000; ++i) {
+  int numWrong = 0;
+  for (int i = 0; i < 20000; ++i) {
     const int elen = randomExpansion(rng, e, 12);
     int flen = randomExpansion(rng, f, 12);
-    // Every other case cancels: f = -e, or all but the smallest component.
-    if (i % 2 == 1) {
+    if (i % 2 == 1) {  // f = -e, or all but the smallest component
       flen = elen;
       for (int k = 0; k < elen; ++k) f[k] = -e[k];
       if (i % 4 == 3) f[0] = 0.5 * e[0];
     }
-    const mpq_class want = exactSum(elen, e) + exactSum(flen, f);
-    // Inputs end at an unreadable page: every routine stops at each end.
+    const mpq_class sumE = exactSum(elen, e), b = f[flen - 1];
+    auto wrong = [&](int n, const mpq_class& want, bool bNoZeros) {
+      return exactSum(n, h) != want || n < 1 || !isNonoverlapping(n, h) || (bNoZeros && n > 1 && hasZero(n, h));
+    };
     double* ge = support::guardedCopy(0, e, elen);
     double* gf = support::guardedCopy(1, f, flen);
-    for (const auto& [name, fn, bDropsZeros] : v) {
-      const int n = fn(elen, ge, flen, gf, h);
-      ASSERT_EQ(exactSum(n, h), want) << name << " case " << i;
-      ASSERT_TRUE(isNonoverlapping(n, h) && (!bDropsZeros || n == 1 || !hasZero(n, h))) << name;
-    }
-    const double b = f[flen - 1];
-    int n = grow_expansion(elen, ge, b, h);
-    ASSERT_EQ(n, elen + 1);
-    ASSERT_EQ(exactSum(n, h), exactSum(elen, e) + b);
-    n = grow_expansion_zeroelim(elen, ge, b, h);
-    ASSERT_EQ(exactSum(n, h), exactSum(elen, e) + b);
-    ASSERT_TRUE(isNonoverlapping(n, h) && (n == 1 || !hasZero(n, h)));
-    n = compress(elen, ge, h);
-    ASSERT_EQ(exactSum(n, h), exactSum(elen, e));
-    ASSERT_TRUE(isNonoverlapping(n, h));
+    for (const auto& [sum, bDropsZeros] : vSums)
+      numWrong += wrong(sum(elen, ge, flen, gf, h), sumE + exactSum(flen, f), bDropsZeros);
+    numWrong += grow_expansion(elen, ge, f[flen - 1], h) != elen + 1 || wrong(elen + 1, sumE + b, false);
+    numWrong += wrong(grow_expansion_zeroelim(elen, ge, f[flen - 1], h), sumE + b, true);
+    numWrong += wrong(compress(elen, ge, h), sumE, false);
+    numWrong += t.scale_expansion(elen, ge, f[flen - 1], h) != 2 * elen || wrong(2 * elen, sumE * b, false);
+    numWrong += wrong(t.scale_expansion_zeroelim(elen, ge, f[flen - 1], h), sumE * b, true);
   }
+  EXPECT_EQ(numWrong, 0);
 }
 
 TEST(ExpansionSums, CancellationLeavesZerosOrASingleZero) {
@@ -199,24 +184,4 @@ TEST(ExpansionSums, CancellationLeavesZerosOrASingleZero) {
   EXPECT_EQ(h[0], 0.0);
   EXPECT_EQ(estimate(1, e + 1), 3.0);
   EXPECT_EQ(estimate(2, e), 3.0 + 0x1p-40);
-}
-
-TEST(ExpansionScaling, MatchesRationalProducts) {
-  ExactTest t;
-  std::mt19937_64 rng(13);
-  std::uniform_real_distribution<double> mant(-1.0, 1.0);
-  double e[12], h[24];
-  for (int i = 0; i < 20000; ++i) {
-    const int elen = randomExpansion(rng, e, 12);
-    const double b = std::ldexp(mant(rng), static_cast<int>(rng() % 81) - 40);
-    const mpq_class want = exactSum(elen, e) * mpq_class(b);
-    double* ge = support::guardedCopy(0, e, elen);
-    int n = t.scale_expansion(elen, ge, b, h);
-    ASSERT_EQ(n, 2 * elen);
-    ASSERT_EQ(exactSum(n, h), want);
-    ASSERT_TRUE(isNonoverlapping(n, h));
-    n = t.scale_expansion_zeroelim(elen, ge, b, h);
-    ASSERT_EQ(exactSum(n, h), want);
-    ASSERT_TRUE(isNonoverlapping(n, h) && !hasZero(n, h));
-  }
 }
