@@ -1055,11 +1055,22 @@ py::tuple voronoi(const py::array_t<double, py::array::c_style>& points, const p
     forChunks(numWorkers, vFirst.size(), 1 << 14, [&](size_t, size_t begin, size_t end) {
       for (size_t c = begin; c < end; ++c) circumcenter(mesh, vFirst[c], vVertices.data() + 3 * c);
     });
+    // The vertices on the hull, whose cells are unbounded.
+    std::vector<char> vOnHull(static_cast<size_t>(numPoints), 0);
+    for (int64_t t = 0; t < m; ++t)
+      for (int j = 0; j < 4; ++j)
+        if (mesh.pN[4 * t + j] < 0)
+          for (int i = 0; i < 4; ++i)
+            if (i != j) vOnHull[mesh.pS[4 * t + i]] = 1;
     const std::vector<I> vOrder = verticesInMeshOrder(mesh.pS, m, pV2S);
     const size_t chunkSize = 2048;
     const size_t numChunks = (vOrder.size() + chunkSize - 1) / chunkSize;
     ChunkedLists<I> regions(numChunks), ridges(numChunks);
     std::vector<std::vector<I>> vRidgePoints(numChunks);
+    // The pyramids from v and from w over the ridge of the edge (v, w) have
+    // the same volume: each edge is turned about once, from its smaller end,
+    // and w's share waits in its chunk's list until all chunks are done.
+    std::vector<std::vector<std::pair<I, double>>> vLaterShare(numChunks);
     forChunks(numWorkers, vOrder.size(), chunkSize, [&](size_t c, size_t begin, size_t end) {
       SmallSet<I> vStar, vCorners;
       std::vector<I> vCornerTet, vRing, vBack, vTurn, vRegion;
@@ -1076,9 +1087,9 @@ py::tuple voronoi(const py::array_t<double, py::array::c_style>& points, const p
         double volume = 0;
         for (size_t e = 0; e < vCornerTet.size(); ++e) {
           const I w = vCorners.keys()[e];
-          if (bHull && w < v) continue; // neither volume nor ridge to find
+          if (w < v) continue;
           mesh.ring(v, w, vCornerTet[e], vRing, vBack, bOpen);
-          if (!bHull) {
+          if (!bOpen && !(bHull && vOnHull[w])) {
             // Twice the vector area of the ridge, seen from v; the pyramid
             // over it has height |w - v| / 2.
             const double* pw = mesh.xyz(w);
@@ -1092,9 +1103,11 @@ py::tuple voronoi(const py::array_t<double, py::array::c_style>& points, const p
               area[1] += u[2] * r[0] - u[0] * r[2];
               area[2] += u[0] * r[1] - u[1] * r[0];
             }
-            volume += std::abs(area[0] * (pw[0] - pv[0]) + area[1] * (pw[1] - pv[1]) + area[2] * (pw[2] - pv[2])) / 12;
+            const double pyramid =
+                std::abs(area[0] * (pw[0] - pv[0]) + area[1] * (pw[1] - pv[1]) + area[2] * (pw[2] - pv[2])) / 12;
+            volume += pyramid;
+            if (!vOnHull[w]) vLaterShare[c].emplace_back(w, pyramid);
           }
-          if (w < v) continue;
           vTurn.assign(bOpen ? 1 : 0, I(-1));
           for (I t : vRing)
             if (vTurn.empty() || vTurn.back() != vClass[t]) vTurn.push_back(vClass[t]);
@@ -1107,6 +1120,8 @@ py::tuple voronoi(const py::array_t<double, py::array::c_style>& points, const p
         vVolume[v] = bHull ? std::numeric_limits<double>::infinity() : volume;
       }
     });
+    for (const auto& vShares : vLaterShare)
+      for (const auto& share : vShares) vVolume[share.first] += share.second;
     // At this point region k is that of vertex vOrder[k]; the points that
     // repeat a vertex take its region and volume.
     std::vector<I> vRegionOf(static_cast<size_t>(numPoints), I(-1));
