@@ -12,6 +12,13 @@
 // Output arrays are filled once, in C++, and handed to NumPy with a capsule
 // that owns the buffer; they outlive the Triangulation.
 //
+// The arrays derived from a mesh (vertex neighbours, barycentric transforms,
+// linear and nearest interpolation, the Voronoi diagram) are computed from
+// the index arrays alone, without the library or its mutex, with the GIL
+// released and on the caller's number of threads; their results do not
+// depend on that number. The one library call among them is the exact
+// sphere test, through a read-only ExactTest.
+//
 // The library keeps process-wide state (tetrahedron labels, the vertex
 // store's statics, std::cout), so every call into it holds libraryMutex. The
 // mutex is only ever taken with the GIL released: the insertion's progress
