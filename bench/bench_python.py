@@ -14,8 +14,14 @@ does not decide.
 
 Usage (with the interpreter that has velm3d installed, e.g. build/venv/bin/python):
   bench_python.py [--repeat R] [--sets uniform-10k,...] [--cpp PATH] [--markdown FILE]
+  bench_python.py --tasks linear,griddata,voronoi,find_simplex,neighbors [--sets ...] [--workers W]
 --cpp names bench_triangulation (default build/bench/bench/bench_triangulation
-if it exists); without it the C++ column stays empty.
+if it exists); without it the C++ column stays empty. --tasks times the
+toolbox beyond the triangulation against scipy in the same way: linear
+(LinearNDInterpolator, build and as many random queries as points), griddata
+(linear, as many queries as points), voronoi, and, for velm3d alone,
+find_simplex (as many random queries as points, on the built mesh) and
+neighbors (vertex_neighbor_vertices of the built mesh).
 """
 
 import argparse
@@ -81,12 +87,41 @@ def vm_kib(field):
     return 0
 
 
+def toolbox_build(job, points):
+    """The call that --tasks times, and the object whose size is reported."""
+    task, impl, workers = job["task"], job["impl"], job.get("workers", 1)
+    queries = np.random.default_rng(777).random((len(points), 3))
+    values = np.sin(points[:, 0]) + points[:, 1]
+    if impl == "scipy":
+        import scipy.interpolate as si
+        from scipy.spatial import Voronoi
+        extra = {}
+    else:
+        import velm3d as si
+        from velm3d import Voronoi
+        extra = {"workers": workers}
+    if task == "linear":
+        return lambda: si.LinearNDInterpolator(points, values, **extra)(queries)
+    if task == "griddata":
+        return lambda: si.griddata(points, values, queries, **extra)
+    if task == "voronoi":
+        return lambda: Voronoi(points, **extra)
+    import velm3d
+    tri = velm3d.Delaunay(points, workers=workers)
+    if task == "find_simplex":
+        return lambda: tri.find_simplex(queries)
+    tri.vertex_to_simplex
+    return lambda: tri.vertex_neighbor_vertices
+
+
 def child(job):
     """One run in this process; prints one JSON line."""
     kind, n = SETS[job["set"]]
     points = make_points(kind, n)
     impl = job["impl"]
-    if impl == "scipy":
+    if "task" in job:
+        build = toolbox_build(job, points)
+    elif impl == "scipy":
         from scipy.spatial import Delaunay
         build = lambda: Delaunay(points)  # noqa: E731
     else:
@@ -99,7 +134,8 @@ def child(job):
     tri = build()
     wall, cpu = time.perf_counter() - t0, time.process_time() - cpu0
     peak = vm_kib("VmHWM")
-    out = {"wall": wall, "cpu": cpu, "mem_mib": (peak - before) / 1024, "nsimplex": int(tri.nsimplex)}
+    out = {"wall": wall, "cpu": cpu, "mem_mib": (peak - before) / 1024,
+           "nsimplex": int(getattr(tri, "nsimplex", 0))}
     if impl == "scipy" and job.get("count_flat"):
         out["flat"] = zero_volume_count(points, tri.simplices)
     print(json.dumps(out))
@@ -158,9 +194,14 @@ def main():
     ap.add_argument("--sets", default=",".join(SETS))
     ap.add_argument("--cpp", default="build/bench/bench/bench_triangulation")
     ap.add_argument("--markdown")
+    ap.add_argument("--tasks")
+    ap.add_argument("--workers", type=int, default=1)
     args = ap.parse_args()
     if args.child:
         child(json.loads(args.child))
+        return
+    if args.tasks:
+        toolbox(args)
         return
     cpp = args.cpp if os.path.exists(args.cpp) else None
     header = ("| Input | Points | velm3d | scipy | speed-up | velm3d with progress | C++ insertion | "
@@ -191,6 +232,30 @@ def main():
         line = "| " + " | ".join(row) + " |"
         lines.append(line)
         print(line, flush=True)
+    if args.markdown:
+        with open(args.markdown, "w") as f:
+            f.write("\n".join(lines) + "\n")
+
+
+def toolbox(args):
+    lines = [f"CPU: {cpu_model()}; median of {args.repeat} runs, each in a fresh process; times in seconds "
+             f"(wall, CPU in brackets); velm3d with workers={args.workers}.", "",
+             "| Task | Input | velm3d | scipy | speed-up |", "|---|---|---|---|---|"]
+    print("\n".join(lines), flush=True)
+    for task in args.tasks.split(","):
+        for name in args.sets.split(","):
+            impls = ["velm3d"] + (["scipy"] if task in ("linear", "griddata", "voronoi") else [])
+            res = {}
+            for _ in range(args.repeat):
+                for impl in impls:
+                    job = {"set": name, "impl": impl, "task": task, "workers": args.workers}
+                    res.setdefault(impl, []).append(run_child(job))
+            v, s = median(res["velm3d"], "wall"), median(res.get("scipy", []), "wall")
+            vc, sc = median(res["velm3d"], "cpu"), median(res.get("scipy", []), "cpu")
+            row = [task, name, f"{fmt(v)} ({fmt(vc)})", f"{fmt(s)} ({fmt(sc)})" if s else "",
+                   fmt(s / v, 1) + "x" if s and v else ""]
+            lines.append("| " + " | ".join(row) + " |")
+            print(lines[-1], flush=True)
     if args.markdown:
         with open(args.markdown, "w") as f:
             f.write("\n".join(lines) + "\n")

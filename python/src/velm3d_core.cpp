@@ -12,6 +12,13 @@
 // Output arrays are filled once, in C++, and handed to NumPy with a capsule
 // that owns the buffer; they outlive the Triangulation.
 //
+// The arrays derived from a mesh (vertex neighbours, barycentric transforms,
+// linear and nearest interpolation, the Voronoi diagram) are computed from
+// the index arrays alone, without the library or its mutex, with the GIL
+// released and on the caller's number of threads; their results do not
+// depend on that number. The one library call among them is the exact
+// sphere test, through a read-only ExactTest.
+//
 // The library keeps process-wide state (tetrahedron labels, the vertex
 // store's statics, std::cout), so every call into it holds libraryMutex. The
 // mutex is only ever taken with the GIL released: the insertion's progress
@@ -26,8 +33,12 @@
 #include <malloc.h>
 #endif
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <exception>
 #include <iostream>
 #include <limits>
 #include <memory>
@@ -36,6 +47,7 @@
 #include <sstream>
 #include <streambuf>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "BrixTest3Inline.h"
@@ -51,6 +63,44 @@ std::mutex libraryMutex;
 // Row and simplex counts up to this limit get int32 indices, larger ones
 // int64. Tests lower it to reach the int64 path with small inputs.
 int64_t int32Limit = std::numeric_limits<int32_t>::max();
+
+// The thread that imported the module, taken for the one that will shut the
+// interpreter down.
+unsigned long mainThreadIdent = 0;
+
+// Whether the interpreter is shutting down in a thread other than this one.
+// Python then ends any other thread that asks for the GIL with a forced
+// unwind (pthread_exit), which a destructor on the way turns into
+// std::terminate: the abort of a daemon thread inside the library at exit.
+bool isFinalizingElsewhere() {
+#if PY_VERSION_HEX >= 0x030D0000
+  const bool bFinalizing = Py_IsFinalizing() != 0;
+#else
+  const bool bFinalizing = _Py_IsFinalizing() != 0;
+#endif
+  return bFinalizing && PyThread_get_thread_ident() != mainThreadIdent;
+}
+
+// Releases the GIL for its life. At the end, a thread that finds the
+// interpreter shutting down elsewhere waits for the process to end instead
+// of taking the GIL back; it holds no lock of ours by then (the library
+// mutex is always taken inside this scope). Should the shutdown begin in the
+// instant between the test and the call, Python's forced unwind passes
+// through this destructor, which may throw for that reason, and pybind11
+// lets it go on.
+class GilRelease {
+public:
+  GilRelease() : pState(PyEval_SaveThread()) {}
+  ~GilRelease() noexcept(false) {
+    while (isFinalizingElsewhere()) std::this_thread::sleep_for(std::chrono::seconds(1));
+    PyEval_RestoreThread(pState);
+  }
+  GilRelease(const GilRelease&) = delete;
+  GilRelease& operator=(const GilRelease&) = delete;
+
+private:
+  PyThreadState* pState;
+};
 
 // For the life of one call into the library: unless verbose, std::cout and
 // std::cerr (the only ways it writes) write nowhere, and their state is
@@ -122,8 +172,13 @@ private:
 struct ProgressContext {
   py::object progress; // callable (numDone, numTotal) or None
   PendingError pending;
+  bool bAbandoned = false; // the interpreter is shutting down: the work stops
 
   bool report(unsigned long numDone, unsigned long numTotal) {
+    if (isFinalizingElsewhere()) {
+      bAbandoned = true;
+      return false;
+    }
     py::gil_scoped_acquire gil;
     if (PyErr_CheckSignals() != 0) {
       pending.fetch();
@@ -230,7 +285,7 @@ template <class I> struct IndexArrays {
 class Triangulation {
 public:
   explicit Triangulation(bool bVerbose_) : bVerbose(bVerbose_) {
-    py::gil_scoped_release nogil;
+    GilRelease nogil;
     std::lock_guard<std::mutex> lock(libraryMutex);
     ConsoleGuard console(bVerbose);
     pVelm.reset(new Velm_3D());
@@ -249,7 +304,7 @@ public:
       destroy();
       libraryMutex.unlock();
     } else {
-      py::gil_scoped_release nogil;
+      GilRelease nogil;
       std::lock_guard<std::mutex> lock(libraryMutex);
       destroy();
     }
@@ -261,8 +316,11 @@ public:
   // Inserts the rows of xyz (float64, C order, shape (n,3)) and answers the
   // arrays of the whole triangulation: (simplices, neighbors,
   // vertex_of_point, coplanar). Bad rows raise ValueError before anything is
-  // stored; an interrupt or a library failure closes the object.
-  py::tuple insert(const py::array_t<double, py::array::c_style>& xyz, py::object progress) {
+  // stored; an interrupt or a library failure closes the object. The
+  // library's insertion is one-threaded: numWorkers (validated by the
+  // caller) is for the day it is not.
+  py::tuple insert(const py::array_t<double, py::array::c_style>& xyz, py::object progress,
+                   [[maybe_unused]] int numWorkers) {
     int64_t n = 0;
     const double* pXyz = rowsOf(xyz, n);
     ProgressContext context{progress, PendingError()};
@@ -272,7 +330,7 @@ public:
     callLibrary(context, true, [&](Failure& failure) {
       if (!rowsInDomain(pXyz, n, failure)) return;
       insertRows(pXyz, n, context);
-      if (context.pending.isSet()) return;
+      if (context.pending.isSet() || context.bAbandoned) return;
       bInt64 = static_cast<int64_t>(vHandles.size()) > int32Limit || !numberAndFill(arrays32);
       if (bInt64) numberAndFill(arrays64);
     });
@@ -282,8 +340,9 @@ public:
   // Row of the simplices array of a tetrahedron that contains each query
   // point (closed: points on facets, edges and vertices are found), -1 for
   // points outside the convex hull and for NaN or infinite coordinates; by
-  // exact point location.
-  py::array findSimplex(const py::array_t<double, py::array::c_style>& xyz) {
+  // exact point location, of the batch in the vertex store's curve order
+  // (one-threaded in the library as yet, whatever numWorkers says).
+  py::array findSimplex(const py::array_t<double, py::array::c_style>& xyz, [[maybe_unused]] int numWorkers) {
     int64_t n = 0;
     const double* pXyz = rowsOf(xyz, n);
     Buffer<int64_t> vResult(static_cast<size_t>(n));
@@ -315,7 +374,7 @@ public:
 
   // Releases the mesh; the arrays handed out stay valid.
   void close() {
-    py::gil_scoped_release nogil;
+    GilRelease nogil;
     std::lock_guard<std::mutex> lock(libraryMutex);
     ConsoleGuard console(bVerbose);
     release();
@@ -341,12 +400,12 @@ private:
       throw std::runtime_error("the triangulation was closed, interrupted or failed; its arrays remain");
     Failure failure;
     {
-      py::gil_scoped_release nogil;
+      GilRelease nogil;
       std::lock_guard<std::mutex> lock(libraryMutex);
       ConsoleGuard console(bVerbose);
       try {
         work(failure);
-        if (context.pending.isSet()) failure.kind = Failure::INTERRUPTED;
+        if (context.pending.isSet() || context.bAbandoned) failure.kind = Failure::INTERRUPTED;
       } catch (VelmException&) {
         failure.kind = Failure::ASSERTION;
         failure.message = VelmException::lastReport();
@@ -502,14 +561,50 @@ private:
 };
 
 // ---------------------------------------------------------------------------
-// Derived arrays, from the index arrays alone (no library, no mutex).
+// Derived arrays, from the index arrays alone (no library, no mutex). The
+// work of each runs over chunks of its items, taken in turn by `workers`
+// threads; the chunks' results are joined in chunk order, so that the
+// arrays do not depend on the number of threads.
+
+// Calls body(chunk, begin, end) for the consecutive chunks of chunkSize
+// items of [0, n), taken in turn by up to numWorkers threads, the caller's
+// among them. An exception in any thread stops the others from taking more
+// and is raised again in the caller once all have stopped. A thread that
+// can't be started leaves its share to the others.
+template <class F> void forChunks(int numWorkers, size_t n, size_t chunkSize, F body) {
+  const size_t numChunks = (n + chunkSize - 1) / chunkSize;
+  std::atomic<size_t> next(0);
+  std::exception_ptr pError;
+  std::mutex errorMutex;
+  const auto run = [&]() {
+    try {
+      for (size_t k = next++; k < numChunks; k = next++) body(k, k * chunkSize, std::min(n, (k + 1) * chunkSize));
+    } catch (...) {
+      std::lock_guard<std::mutex> lock(errorMutex);
+      if (!pError) pError = std::current_exception();
+      next = numChunks;
+    }
+  };
+  std::vector<std::thread> vThreads;
+  const size_t numThreads = std::min<size_t>(static_cast<size_t>(std::max(numWorkers, 1)), numChunks);
+  for (size_t i = 1; i < numThreads; ++i) {
+    try {
+      vThreads.emplace_back(run);
+    } catch (std::system_error&) {
+      break;
+    }
+  }
+  run();
+  for (std::thread& t : vThreads) t.join();
+  if (pError) std::rethrow_exception(pError);
+}
 
 template <class I> py::array vertexToSimplex(const py::array_t<I, py::array::c_style>& simplices, int64_t numPoints) {
   const int64_t m = simplices.shape(0);
   const I* pS = simplices.data();
   Buffer<I> v(static_cast<size_t>(numPoints));
   {
-    py::gil_scoped_release nogil;
+    GilRelease nogil;
     std::fill(v.data(), v.data() + numPoints, I(-1));
     for (int64_t t = 0; t < m; ++t)
       for (int i = 0; i < 4; ++i) v[pS[4 * t + i]] = static_cast<I>(t);
@@ -517,59 +612,569 @@ template <class I> py::array vertexToSimplex(const py::array_t<I, py::array::c_s
   return v.toNumPy({numPoints});
 }
 
+// A set of the few dozen indices around one vertex (tetrahedra of its star,
+// corners): open addressing, emptied in the time of what it holds, its keys
+// kept in the order of insertion.
+template <class I> class SmallSet {
+public:
+  SmallSet() : vSlots(64, I(-1)) {}
+  void clear() {
+    for (size_t s : vUsed) vSlots[s] = -1;
+    vUsed.clear();
+    vKeys.clear();
+  }
+  // True when key (>= 0) was not in the set.
+  bool insert(I key) {
+    if (4 * (vUsed.size() + 1) > vSlots.size()) grow();
+    const size_t mask = vSlots.size() - 1;
+    for (size_t s = ((static_cast<uint64_t>(key) * 0x9E3779B97F4A7C15ull) >> 40) & mask;; s = (s + 1) & mask) {
+      if (vSlots[s] == key) return false;
+      if (vSlots[s] < 0) {
+        vSlots[s] = key;
+        vUsed.push_back(s);
+        vKeys.push_back(key);
+        return true;
+      }
+    }
+  }
+  const std::vector<I>& keys() const { return vKeys; }
+
+private:
+  void grow() {
+    std::vector<I> vOld;
+    vOld.swap(vKeys);
+    vUsed.clear();
+    vSlots.assign(2 * vSlots.size(), I(-1));
+    for (I key : vOld) insert(key);
+  }
+  std::vector<I> vSlots;
+  std::vector<size_t> vUsed;
+  std::vector<I> vKeys;
+};
+
+// The index arrays of a mesh, read in place.
+template <class I> struct MeshView {
+  const double* pXyz; // (n, 3)
+  const I* pS;        // simplices (m, 4)
+  const I* pN;        // neighbors (m, 4)
+
+  const double* xyz(I v) const { return pXyz + 3 * static_cast<int64_t>(v); }
+  int cornerIndex(I t, I v) const {
+    const I* p = pS + 4 * static_cast<int64_t>(t);
+    return p[0] == v ? 0 : p[1] == v ? 1 : p[2] == v ? 2 : 3;
+  }
+  // The tetrahedra around vertex v (vStar.keys()), breadth first from t0
+  // (one of them) through the facets that contain v, and the other corners
+  // (vCorners.keys()), each with a tetrahedron that holds it and v
+  // (vCornerTet); bHull when one of those facets lies on the hull (the
+  // Voronoi cell of v is then unbounded).
+  void star(I v, I t0, SmallSet<I>& vStar, SmallSet<I>& vCorners, std::vector<I>& vCornerTet, bool& bHull) const {
+    vStar.clear();
+    vCorners.clear();
+    vCornerTet.clear();
+    vStar.insert(t0);
+    bHull = false;
+    for (size_t k = 0; k < vStar.keys().size(); ++k) {
+      const I t = vStar.keys()[k];
+      for (int i = 0; i < 4; ++i) {
+        const I w = pS[4 * static_cast<int64_t>(t) + i];
+        if (w == v) continue;
+        if (vCorners.insert(w)) vCornerTet.push_back(t);
+        const I o = pN[4 * static_cast<int64_t>(t) + i];
+        if (o < 0)
+          bHull = true;
+        else
+          vStar.insert(o);
+      }
+    }
+  }
+  // The tetrahedra around the edge (v, w) in the order of one turn about it,
+  // from t0, which holds both. bOpen when the turn meets the hull: vRing
+  // then runs from the tetrahedron on one hull facet to the one on the other.
+  void ring(I v, I w, I t0, std::vector<I>& vRing, std::vector<I>& vBack, bool& bOpen) const {
+    I vOther[2];
+    int k = 0;
+    for (int i = 0; i < 4; ++i)
+      if (pS[4 * static_cast<int64_t>(t0) + i] != v && pS[4 * static_cast<int64_t>(t0) + i] != w)
+        vOther[k++] = pS[4 * static_cast<int64_t>(t0) + i];
+    // Through the facet opposite corner c of t: in the next tetrahedron the
+    // facet to leave by is the one opposite the third corner of the facet
+    // just crossed. False when the walk ends on the hull.
+    const auto turn = [&](I c, std::vector<I>& vOut) {
+      for (I t = t0;;) {
+        const I* p = pS + 4 * static_cast<int64_t>(t);
+        const I o = pN[4 * static_cast<int64_t>(t) + cornerIndex(t, c)];
+        if (o < 0) return false;
+        if (o == t0) return true;
+        I z = p[0];
+        for (int i = 1; i < 4 && (z == v || z == w || z == c); ++i) z = p[i];
+        vOut.push_back(o);
+        t = o;
+        c = z;
+      }
+    };
+    vRing.assign(1, t0);
+    bOpen = !turn(vOther[0], vRing);
+    if (!bOpen) return;
+    vBack.clear();
+    turn(vOther[1], vBack);
+    vRing.insert(vRing.begin(), vBack.rbegin(), vBack.rend());
+  }
+};
+
+// A CSR pair: row r is indices[indptr[r]:indptr[r + 1]].
+template <class I> struct Csr {
+  Buffer<I> indptr, indices;
+  py::tuple toPython() {
+    const py::ssize_t n = static_cast<py::ssize_t>(indptr.size());
+    const py::ssize_t e = static_cast<py::ssize_t>(indices.size());
+    return py::make_tuple(indptr.toNumPy({n}), indices.toNumPy({e}));
+  }
+};
+
+// The lists of some rows, made in chunks (the rows vOwner[c], their sizes
+// and their items one after the other), placed in row order.
+template <class I> struct ChunkedLists {
+  std::vector<std::vector<I>> vOwner, vSize, vItems; // per chunk
+  explicit ChunkedLists(size_t numChunks) : vOwner(numChunks), vSize(numChunks), vItems(numChunks) {}
+  void add(size_t c, I row, const std::vector<I>& vList) {
+    vOwner[c].push_back(row);
+    vSize[c].push_back(static_cast<I>(vList.size()));
+    vItems[c].insert(vItems[c].end(), vList.begin(), vList.end());
+  }
+  void toCsr(int64_t numRows, int numWorkers, Csr<I>& out) {
+    out.indptr.resize(static_cast<size_t>(numRows) + 1);
+    std::fill(out.indptr.data(), out.indptr.data() + numRows + 1, I(0));
+    for (size_t c = 0; c < vOwner.size(); ++c)
+      for (size_t k = 0; k < vOwner[c].size(); ++k) out.indptr[vOwner[c][k] + 1] = vSize[c][k];
+    for (int64_t r = 0; r < numRows; ++r) out.indptr[r + 1] += out.indptr[r];
+    out.indices.resize(static_cast<size_t>(out.indptr[numRows]));
+    forChunks(numWorkers, vOwner.size(), 1, [&](size_t c, size_t, size_t) {
+      const I* pFrom = vItems[c].data();
+      for (size_t k = 0; k < vOwner[c].size(); ++k) {
+        std::copy(pFrom, pFrom + vSize[c][k], out.indices.data() + out.indptr[vOwner[c][k]]);
+        pFrom += vSize[c][k];
+      }
+      std::vector<I>().swap(vItems[c]);
+    });
+  }
+};
+
+// The vertices in the order of the tetrahedra that vertex_to_simplex gives
+// them: neighbours in that order share records, where the points' own order
+// may be random.
+template <class I> std::vector<I> verticesInMeshOrder(const I* pS, int64_t m, const I* pV2S) {
+  std::vector<I> vOrder;
+  for (int64_t t = 0; t < m; ++t)
+    for (int i = 0; i < 4; ++i)
+      if (pV2S[pS[4 * t + i]] == t) vOrder.push_back(pS[4 * t + i]);
+  return vOrder;
+}
+
 // The vertices joined to each vertex by an edge, in CSR form, each list
-// ascending: the star of a vertex is walked through the neighbours across
-// the facets that contain it.
+// ascending: the corners of the star of each vertex. Linear in the size of
+// the mesh: each vertex reads its own star once.
 template <class I>
 py::tuple vertexNeighborVertices(const py::array_t<I, py::array::c_style>& simplices,
                                  const py::array_t<I, py::array::c_style>& neighbors,
-                                 const py::array_t<I, py::array::c_style>& vertexToSimplex) {
+                                 const py::array_t<I, py::array::c_style>& vertexToSimplex, int numWorkers) {
   const int64_t numPoints = vertexToSimplex.shape(0);
-  const I* pS = simplices.data();
-  const I* pN = neighbors.data();
+  const MeshView<I> mesh{nullptr, simplices.data(), neighbors.data()};
   const I* pV2S = vertexToSimplex.data();
-  Buffer<I> vIndptr(static_cast<size_t>(numPoints) + 1);
-  Buffer<I> vIndices(static_cast<size_t>(simplices.shape(0)) * 3 + 16); // about 20 per vertex, needs 16
-  size_t numIndices = 0;
+  Csr<I> csr;
   {
-    py::gil_scoped_release nogil;
-    std::vector<I> vStack, vTetsSeen, vStar;
-    std::vector<int64_t> vLastSeen(numPoints, -1);
-    std::vector<int64_t> vTetSeenBy(static_cast<size_t>(simplices.shape(0)), -1);
-    vIndptr[0] = 0;
-    for (int64_t v = 0; v < numPoints; ++v) {
-      vStar.clear();
-      if (pV2S[v] >= 0) {
-        vStack.assign(1, pV2S[v]);
-        vTetSeenBy[pV2S[v]] = v;
-        while (!vStack.empty()) {
-          const I t = vStack.back();
-          vStack.pop_back();
-          for (int i = 0; i < 4; ++i) {
-            const I w = pS[4 * t + i];
-            if (w == v) continue;
-            if (vLastSeen[w] != v) {
-              vLastSeen[w] = v;
-              vStar.push_back(w);
-            }
-            // The facet opposite w contains v.
-            const I o = pN[4 * t + i];
-            if (o >= 0 && vTetSeenBy[o] != v) {
-              vTetSeenBy[o] = v;
-              vStack.push_back(o);
+    GilRelease nogil;
+    const std::vector<I> vOrder = verticesInMeshOrder(mesh.pS, simplices.shape(0), pV2S);
+    const size_t chunkSize = 4096;
+    ChunkedLists<I> lists((vOrder.size() + chunkSize - 1) / chunkSize);
+    forChunks(numWorkers, vOrder.size(), chunkSize, [&](size_t c, size_t begin, size_t end) {
+      SmallSet<I> vStar, vCorners;
+      std::vector<I> vCornerTet, vSorted;
+      bool bHull;
+      for (size_t k = begin; k < end; ++k) {
+        const I v = vOrder[k];
+        mesh.star(v, pV2S[v], vStar, vCorners, vCornerTet, bHull);
+        vSorted = vCorners.keys();
+        std::sort(vSorted.begin(), vSorted.end());
+        lists.add(c, v, vSorted);
+      }
+    });
+    lists.toCsr(numPoints, numWorkers, csr);
+  }
+  return csr.toPython();
+}
+
+// 3x3 determinant of the rows u, v, w.
+inline double det3(const double* u, const double* v, const double* w) {
+  return u[0] * (v[1] * w[2] - v[2] * w[1]) - u[1] * (v[0] * w[2] - v[2] * w[0]) + u[2] * (v[0] * w[1] - v[1] * w[0]);
+}
+
+// scipy's barycentric transform of each tetrahedron, shape (m, 4, 3): rows
+// 0-2 the inverse of T = [p0 - p3, p1 - p3, p2 - p3] (as columns), row 3 the
+// corner p3, so that c = T^-1 (x - p3) are the first three barycentric
+// coordinates of x. NaN where T is singular in floating point (a sliver
+// whose determinant rounds to 0).
+template <class I>
+py::array transform(const py::array_t<double, py::array::c_style>& points, const py::array_t<I, py::array::c_style>& simplices,
+                    int numWorkers) {
+  const int64_t m = simplices.shape(0);
+  const double* pXyz = points.data();
+  const I* pS = simplices.data();
+  Buffer<double> v(static_cast<size_t>(m) * 12);
+  {
+    GilRelease nogil;
+    forChunks(numWorkers, static_cast<size_t>(m), 1 << 15, [&](size_t, size_t begin, size_t end) {
+      for (size_t t = begin; t < end; ++t) {
+        const double* r = pXyz + 3 * static_cast<int64_t>(pS[4 * t + 3]);
+        double c[3][3]; // the columns of T
+        for (int j = 0; j < 3; ++j)
+          for (int k = 0; k < 3; ++k) c[j][k] = pXyz[3 * static_cast<int64_t>(pS[4 * t + j]) + k] - r[k];
+        // The rows of T^-1 are the cross products of pairs of columns over det T.
+        double* out = v.data() + 12 * t;
+        const double det = det3(c[0], c[1], c[2]);
+        for (int j = 0; j < 3; ++j) {
+          const double* a = c[(j + 1) % 3];
+          const double* b = c[(j + 2) % 3];
+          const double cross[3] = {a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};
+          for (int k = 0; k < 3; ++k) out[3 * j + k] = det != 0 ? cross[k] / det : std::nan("");
+        }
+        std::copy(r, r + 3, out + 9);
+      }
+    });
+  }
+  return v.toNumPy({static_cast<py::ssize_t>(m), 4, 3});
+}
+
+// Linear interpolation of the k columns of values (one row per point) at
+// each query row of xi, in the tetrahedron simplexOf gives it (-1: the row
+// of fill). The weight of corner i is the volume of the tetrahedron with x
+// in place of corner i, over the sum of the four, each volume taken from x:
+// at a corner, the three others have a zero row and are exactly 0, so the
+// corner's value comes back exactly.
+template <class I>
+py::array interpolateLinear(const py::array_t<double, py::array::c_style>& points,
+                            const py::array_t<I, py::array::c_style>& simplices,
+                            const py::array_t<I, py::array::c_style>& simplexOf,
+                            const py::array_t<double, py::array::c_style>& xi,
+                            const py::array_t<double, py::array::c_style>& values,
+                            const py::array_t<double, py::array::c_style>& fill, int numWorkers) {
+  const int64_t q = xi.shape(0), k = values.shape(1);
+  if (simplexOf.shape(0) != q || fill.shape(0) != k || values.shape(0) != points.shape(0))
+    throw py::value_error("inconsistent shapes");
+  const double* pXyz = points.data();
+  const I* pS = simplices.data();
+  const I* pOf = simplexOf.data();
+  const double* pQ = xi.data();
+  const double* pVal = values.data();
+  const double* pFill = fill.data();
+  Buffer<double> out(static_cast<size_t>(q * k));
+  {
+    GilRelease nogil;
+    forChunks(numWorkers, static_cast<size_t>(q), 4096, [&](size_t, size_t begin, size_t end) {
+      for (size_t j = begin; j < end; ++j) {
+        double* pOut = out.data() + j * k;
+        const int64_t t = pOf[j];
+        if (t < 0) {
+          std::copy(pFill, pFill + k, pOut);
+          continue;
+        }
+        const double* x = pQ + 3 * j;
+        double d[4][3];
+        for (int i = 0; i < 4; ++i)
+          for (int c = 0; c < 3; ++c) d[i][c] = pXyz[3 * static_cast<int64_t>(pS[4 * t + i]) + c] - x[c];
+        const double w[4] = {det3(d[1], d[2], d[3]), -det3(d[0], d[2], d[3]), det3(d[0], d[1], d[3]),
+                             -det3(d[0], d[1], d[2])};
+        const double sum = (w[0] + w[1]) + (w[2] + w[3]);
+        std::fill(pOut, pOut + k, 0.0);
+        for (int i = 0; i < 4; ++i) {
+          const double wi = w[i] / sum;
+          const double* pV = pVal + static_cast<int64_t>(pS[4 * t + i]) * k;
+          for (int64_t c = 0; c < k; ++c) pOut[c] += wi * pV[c];
+        }
+      }
+    });
+  }
+  return out.toNumPy({static_cast<py::ssize_t>(q), static_cast<py::ssize_t>(k)});
+}
+
+// The nearest vertex to each query row: from a corner of its tetrahedron (or,
+// outside the hull, from the previous answer), to the closest neighbour in
+// the Delaunay graph while one is closer. The graph holds a closer
+// neighbour of every vertex that is not the nearest, so the descent ends at
+// the nearest (up to rounding in the distances). -1 for a query that is
+// not finite.
+template <class I>
+py::array nearestVertex(const py::array_t<double, py::array::c_style>& points,
+                        const py::array_t<I, py::array::c_style>& simplices, const py::array_t<I, py::array::c_style>& indptr,
+                        const py::array_t<I, py::array::c_style>& indices, const py::array_t<I, py::array::c_style>& simplexOf,
+                        const py::array_t<double, py::array::c_style>& xi, int numWorkers) {
+  const int64_t q = xi.shape(0);
+  const double* pXyz = points.data();
+  const I* pS = simplices.data();
+  const I* pPtr = indptr.data();
+  const I* pIdx = indices.data();
+  const I* pOf = simplexOf.data();
+  const double* pQ = xi.data();
+  Buffer<int64_t> out(static_cast<size_t>(q));
+  {
+    GilRelease nogil;
+    forChunks(numWorkers, static_cast<size_t>(q), 4096, [&](size_t, size_t begin, size_t end) {
+      int64_t prev = pS[0];
+      for (size_t j = begin; j < end; ++j) {
+        const double* x = pQ + 3 * j;
+        if (!(std::isfinite(x[0]) && std::isfinite(x[1]) && std::isfinite(x[2]))) {
+          out[j] = -1;
+          continue;
+        }
+        const auto dist2 = [&](int64_t v) {
+          const double* p = pXyz + 3 * v;
+          return (p[0] - x[0]) * (p[0] - x[0]) + (p[1] - x[1]) * (p[1] - x[1]) + (p[2] - x[2]) * (p[2] - x[2]);
+        };
+        int64_t best = prev;
+        if (pOf[j] >= 0)
+          for (int i = 0; i < 4; ++i)
+            if (i == 0 || dist2(pS[4 * pOf[j] + i]) < dist2(best)) best = pS[4 * pOf[j] + i];
+        double bestD = dist2(best);
+        for (int64_t from = -1; from != best;) {
+          from = best;
+          for (I e = pPtr[from]; e < pPtr[from + 1]; ++e) {
+            const double dw = dist2(pIdx[e]);
+            if (dw < bestD) {
+              bestD = dw;
+              best = pIdx[e];
             }
           }
         }
-        std::sort(vStar.begin(), vStar.end());
-        if (numIndices + vStar.size() > vIndices.size()) vIndices.resize(2 * (numIndices + vStar.size()));
-        std::copy(vStar.begin(), vStar.end(), vIndices.data() + numIndices);
-        numIndices += vStar.size();
+        out[j] = prev = best;
       }
-      vIndptr[v + 1] = static_cast<I>(numIndices);
-    }
-    vIndices.resize(numIndices);
+    });
   }
-  return py::make_tuple(vIndptr.toNumPy({numPoints + 1}), vIndices.toNumPy({static_cast<py::ssize_t>(numIndices)}));
+  return out.toNumPy({static_cast<py::ssize_t>(q)});
+}
+
+const ExactTest& predicates() {
+  static const ExactTest exact;
+  return exact;
+}
+
+// Whether e lies exactly on the sphere through a, b, c, d: the sphere
+// test's filter, then, where it leaves the sign open, the exact class.
+bool isOnSphere(const double* a, const double* b, const double* c, const double* d, const double* e) {
+  double det, permanent, floor;
+  ExactTest::insphereFilter(a, b, c, d, e, det, permanent, floor);
+  if (ExactTest::filterDecides(det, predicates().isperrboundA * permanent + floor)) return false;
+  double p[5][3];
+  const double* src[5] = {a, b, c, d, e};
+  for (int i = 0; i < 5; ++i) std::copy(src[i], src[i] + 3, p[i]);
+  return predicates().insphereadapt(p[0], p[1], p[2], p[3], p[4], permanent) == 2u;
+}
+
+// The centre of the sphere through the corners of tetrahedron t.
+template <class I> void circumcenter(const MeshView<I>& mesh, int64_t t, double* pOut) {
+  const double* p0 = mesh.xyz(mesh.pS[4 * t]);
+  double d[3][3], len2[3];
+  for (int i = 0; i < 3; ++i) {
+    const double* p = mesh.xyz(mesh.pS[4 * t + i + 1]);
+    for (int k = 0; k < 3; ++k) d[i][k] = p[k] - p0[k];
+    len2[i] = d[i][0] * d[i][0] + d[i][1] * d[i][1] + d[i][2] * d[i][2];
+  }
+  const double den = 2 * det3(d[0], d[1], d[2]);
+  for (int k = 0; k < 3; ++k) {
+    const int k1 = (k + 1) % 3, k2 = (k + 2) % 3;
+    // Component k of |d0|^2 (d1 x d2) + |d1|^2 (d2 x d0) + |d2|^2 (d0 x d1).
+    double num = 0;
+    for (int i = 0; i < 3; ++i) {
+      const double* a = d[(i + 1) % 3];
+      const double* b = d[(i + 2) % 3];
+      num += len2[i] * (a[k1] * b[k2] - a[k2] * b[k1]);
+    }
+    pOut[k] = p0[k] + num / den;
+  }
+}
+
+// The Voronoi diagram, dual of the mesh. Tetrahedra whose circumspheres are
+// the same sphere give one Voronoi vertex: across each inner facet, the
+// neighbour's far corner on the sphere of the tetrahedron (exactly) joins
+// the two, and the joined groups are numbered in the order of their first
+// tetrahedron, whose circumcentre is the vertex. Then for each vertex v, in
+// mesh order: its region (the vertices of its tetrahedra, ascending, -1
+// first when v lies on the hull), and for each edge (v, w): the ridge, the
+// turn of vertices about the edge with repeats dropped (and -1 first where
+// the turn meets the hull), kept once (v < w) when it has three entries or
+// more, as scipy keeps them; and the volume of the cell of v, the pyramids
+// from v over its ridges, infinite on the hull.
+// Answers (vertices, ridge_points, ridge indptr, ridge indices, region
+// indptr, region indices, point_region, volumes); vertexOfPoint maps each
+// point to its vertex.
+template <class I>
+py::tuple voronoi(const py::array_t<double, py::array::c_style>& points, const py::array_t<I, py::array::c_style>& simplices,
+                  const py::array_t<I, py::array::c_style>& neighbors, const py::array_t<I, py::array::c_style>& vertexToSimplex,
+                  const py::array_t<I, py::array::c_style>& vertexOfPoint, int numWorkers) {
+  const int64_t m = simplices.shape(0), numPoints = points.shape(0);
+  const MeshView<I> mesh{points.data(), simplices.data(), neighbors.data()};
+  const I* pV2S = vertexToSimplex.data();
+  const I* pVop = vertexOfPoint.data();
+  Buffer<double> vVertices, vVolume(static_cast<size_t>(numPoints));
+  Buffer<I> vRidgePts, vPointRegion(static_cast<size_t>(numPoints));
+  Csr<I> ridgeCsr, regionCsr;
+  {
+    GilRelease nogil;
+    // Pairs of neighbours on one sphere.
+    const size_t tetChunk = 1 << 14;
+    std::vector<std::vector<std::pair<I, I>>> vSame((m + tetChunk - 1) / tetChunk);
+    forChunks(numWorkers, static_cast<size_t>(m), tetChunk, [&](size_t c, size_t begin, size_t end) {
+      for (size_t t = begin; t < end; ++t)
+        for (int j = 0; j < 4; ++j) {
+          const I o = mesh.pN[4 * t + j];
+          if (o <= static_cast<int64_t>(t)) continue;
+          const I* pON = mesh.pN + 4 * static_cast<int64_t>(o);
+          const int k = pON[0] == static_cast<I>(t) ? 0 : pON[1] == static_cast<I>(t) ? 1 : pON[2] == static_cast<I>(t) ? 2 : 3;
+          const I* p = mesh.pS + 4 * t;
+          if (isOnSphere(mesh.xyz(p[0]), mesh.xyz(p[1]), mesh.xyz(p[2]), mesh.xyz(p[3]),
+                         mesh.xyz(mesh.pS[4 * static_cast<int64_t>(o) + k])))
+            vSame[c].emplace_back(static_cast<I>(t), o);
+        }
+    });
+    // Union-find with the smallest tetrahedron of each group as its root;
+    // then, in place, the classes numbered in the order of their roots.
+    std::vector<I> vClass(static_cast<size_t>(m));
+    std::vector<I> vFirst; // the first tetrahedron of each class
+    for (int64_t t = 0; t < m; ++t) vClass[t] = static_cast<I>(t);
+    const auto find = [&](I t) {
+      while (vClass[t] != t) t = vClass[t] = vClass[vClass[t]];
+      return t;
+    };
+    for (const auto& v : vSame)
+      for (const auto& pr : v) {
+        const I a = find(pr.first), b = find(pr.second);
+        if (a != b) vClass[std::max(a, b)] = std::min(a, b);
+      }
+    for (int64_t t = 0; t < m; ++t) vClass[t] = find(static_cast<I>(t));
+    for (int64_t t = 0; t < m; ++t) {
+      if (vClass[t] == t) {
+        vClass[t] = static_cast<I>(vFirst.size());
+        vFirst.push_back(static_cast<I>(t));
+      } else {
+        vClass[t] = vClass[vClass[t]]; // the root, before t, holds its class already
+      }
+    }
+    vVertices.resize(3 * vFirst.size());
+    forChunks(numWorkers, vFirst.size(), 1 << 14, [&](size_t, size_t begin, size_t end) {
+      for (size_t c = begin; c < end; ++c) circumcenter(mesh, vFirst[c], vVertices.data() + 3 * c);
+    });
+    // The vertices on the hull, whose cells are unbounded.
+    std::vector<char> vOnHull(static_cast<size_t>(numPoints), 0);
+    for (int64_t t = 0; t < m; ++t)
+      for (int j = 0; j < 4; ++j)
+        if (mesh.pN[4 * t + j] < 0)
+          for (int i = 0; i < 4; ++i)
+            if (i != j) vOnHull[mesh.pS[4 * t + i]] = 1;
+    const std::vector<I> vOrder = verticesInMeshOrder(mesh.pS, m, pV2S);
+    const size_t chunkSize = 2048;
+    const size_t numChunks = (vOrder.size() + chunkSize - 1) / chunkSize;
+    ChunkedLists<I> regions(numChunks), ridges(numChunks);
+    std::vector<std::vector<I>> vRidgePoints(numChunks);
+    // The pyramids from v and from w over the ridge of the edge (v, w) have
+    // the same volume: each edge is turned about once, from its smaller end,
+    // and w's share waits in its chunk's list until all chunks are done.
+    std::vector<std::vector<std::pair<I, double>>> vLaterShare(numChunks);
+    forChunks(numWorkers, vOrder.size(), chunkSize, [&](size_t c, size_t begin, size_t end) {
+      SmallSet<I> vStar, vCorners;
+      std::vector<I> vCornerTet, vRing, vBack, vTurn, vRegion;
+      bool bHull, bOpen;
+      for (size_t k = begin; k < end; ++k) {
+        const I v = vOrder[k];
+        const double* pv = mesh.xyz(v);
+        mesh.star(v, pV2S[v], vStar, vCorners, vCornerTet, bHull);
+        vRegion.assign(bHull ? 1 : 0, I(-1));
+        for (I t : vStar.keys()) vRegion.push_back(vClass[t]);
+        std::sort(vRegion.begin(), vRegion.end());
+        vRegion.erase(std::unique(vRegion.begin(), vRegion.end()), vRegion.end());
+        regions.add(c, static_cast<I>(k), vRegion);
+        double volume = 0;
+        for (size_t e = 0; e < vCornerTet.size(); ++e) {
+          const I w = vCorners.keys()[e];
+          if (w < v) continue;
+          mesh.ring(v, w, vCornerTet[e], vRing, vBack, bOpen);
+          if (!bOpen && !(bHull && vOnHull[w])) {
+            // Twice the vector area of the ridge, seen from v; the pyramid
+            // over it has height |w - v| / 2.
+            const double* pw = mesh.xyz(w);
+            double area[3] = {0, 0, 0};
+            for (size_t i = 0; i < vRing.size(); ++i) {
+              const double* a = vVertices.data() + 3 * static_cast<int64_t>(vClass[vRing[i]]);
+              const double* b = vVertices.data() + 3 * static_cast<int64_t>(vClass[vRing[(i + 1) % vRing.size()]]);
+              const double u[3] = {a[0] - pv[0], a[1] - pv[1], a[2] - pv[2]};
+              const double r[3] = {b[0] - pv[0], b[1] - pv[1], b[2] - pv[2]};
+              area[0] += u[1] * r[2] - u[2] * r[1];
+              area[1] += u[2] * r[0] - u[0] * r[2];
+              area[2] += u[0] * r[1] - u[1] * r[0];
+            }
+            const double pyramid =
+                std::abs(area[0] * (pw[0] - pv[0]) + area[1] * (pw[1] - pv[1]) + area[2] * (pw[2] - pv[2])) / 12;
+            volume += pyramid;
+            if (!vOnHull[w]) vLaterShare[c].emplace_back(w, pyramid);
+          }
+          vTurn.assign(bOpen ? 1 : 0, I(-1));
+          for (I t : vRing)
+            if (vTurn.empty() || vTurn.back() != vClass[t]) vTurn.push_back(vClass[t]);
+          if (!bOpen && vTurn.size() > 1 && vTurn.back() == vTurn.front()) vTurn.pop_back();
+          if (vTurn.size() < 3) continue;
+          vRidgePoints[c].push_back(v);
+          vRidgePoints[c].push_back(w);
+          ridges.add(c, 0, vTurn); // numbered below
+        }
+        vVolume[v] = bHull ? std::numeric_limits<double>::infinity() : volume;
+      }
+    });
+    for (const auto& vShares : vLaterShare)
+      for (const auto& share : vShares) vVolume[share.first] += share.second;
+    // At this point region k is that of vertex vOrder[k]; the points that
+    // repeat a vertex take its region and volume.
+    std::vector<I> vRegionOf(static_cast<size_t>(numPoints), I(-1));
+    for (size_t k = 0; k < vOrder.size(); ++k) vRegionOf[vOrder[k]] = static_cast<I>(k);
+    for (int64_t i = 0; i < numPoints; ++i) {
+      vPointRegion[i] = vRegionOf[pVop[i]];
+      if (pVop[i] != i) vVolume[i] = vVolume[pVop[i]];
+    }
+    regions.toCsr(static_cast<int64_t>(vOrder.size()), numWorkers, regionCsr);
+    size_t numRidges = 0;
+    for (auto& vOwner : ridges.vOwner)
+      for (I& r : vOwner) r = static_cast<I>(numRidges++);
+    vRidgePts.resize(2 * numRidges);
+    I* pR = vRidgePts.data();
+    for (const auto& v : vRidgePoints) pR = std::copy(v.begin(), v.end(), pR);
+    ridges.toCsr(static_cast<int64_t>(numRidges), numWorkers, ridgeCsr);
+  }
+  const py::tuple ridgeLists = ridgeCsr.toPython(), regionLists = regionCsr.toPython();
+  const py::ssize_t numVertices = static_cast<py::ssize_t>(vVertices.size() / 3);
+  const py::ssize_t numRidges = static_cast<py::ssize_t>(vRidgePts.size() / 2);
+  return py::make_tuple(vVertices.toNumPy({numVertices, 3}), vRidgePts.toNumPy({numRidges, 2}), ridgeLists[0],
+                        ridgeLists[1], regionLists[0], regionLists[1], vPointRegion.toNumPy({numPoints}),
+                        vVolume.toNumPy({numPoints}));
+}
+
+// The lists [indices[indptr[r]:indptr[r + 1]] for each r] as Python lists of ints.
+template <class I>
+py::list csrToLists(const py::array_t<I, py::array::c_style>& indptr, const py::array_t<I, py::array::c_style>& indices) {
+  const int64_t n = indptr.shape(0) - 1;
+  const I* pPtr = indptr.data();
+  const I* pIdx = indices.data();
+  py::list out(static_cast<size_t>(std::max<int64_t>(n, 0)));
+  for (int64_t r = 0; r < n; ++r) {
+    PyObject* pList = PyList_New(pPtr[r + 1] - pPtr[r]);
+    if (pList == nullptr) throw py::error_already_set();
+    for (I e = pPtr[r]; e < pPtr[r + 1]; ++e) {
+      PyObject* pInt = PyLong_FromLongLong(pIdx[e]);
+      if (pInt == nullptr) {
+        Py_DECREF(pList);
+        throw py::error_already_set();
+      }
+      PyList_SET_ITEM(pList, e - pPtr[r], pInt);
+    }
+    PyList_SET_ITEM(out.ptr(), r, pList);
+  }
+  return out;
 }
 
 // The hull facets, each with its corners counterclockwise seen from outside
@@ -597,7 +1202,7 @@ int orientationSign(const py::array_t<double, py::array::c_style | py::array::fo
     throw py::value_error("expected four points of three coordinates");
   const double* p = abcd.data();
   const Point3 pa(p[0], p[1], p[2]), pb(p[3], p[4], p[5]), pc(p[6], p[7], p[8]), pd(p[9], p[10], p[11]);
-  py::gil_scoped_release nogil;
+  GilRelease nogil;
   std::lock_guard<std::mutex> lock(libraryMutex);
   static const ExactTest predicates;
   switch (predicates.getOrientation3(&pa, &pb, &pc, &pd)) {
@@ -622,8 +1227,8 @@ PYBIND11_MODULE(_core, m) {
   m.doc() = "libvelm3d's exact 3D Delaunay triangulation for NumPy arrays (use velm3d.Delaunay)";
   py::class_<Triangulation>(m, "Triangulation")
       .def(py::init<bool>(), py::arg("verbose") = false)
-      .def("insert", &Triangulation::insert, py::arg("xyz"), py::arg("progress") = py::none())
-      .def("find_simplex", &Triangulation::findSimplex, py::arg("xyz"))
+      .def("insert", &Triangulation::insert, py::arg("xyz"), py::arg("progress") = py::none(), py::arg("workers") = 1)
+      .def("find_simplex", &Triangulation::findSimplex, py::arg("xyz"), py::arg("workers") = 1)
       .def("check", &Triangulation::check)
       .def("close", &Triangulation::close)
       .def_property_readonly("is_open", &Triangulation::isOpen)
@@ -633,9 +1238,20 @@ PYBIND11_MODULE(_core, m) {
   m.def("vertex_to_simplex", &vertexToSimplex<int64_t>);
   m.def("vertex_neighbor_vertices", &vertexNeighborVertices<int32_t>);
   m.def("vertex_neighbor_vertices", &vertexNeighborVertices<int64_t>);
+  m.def("transform", &transform<int32_t>);
+  m.def("transform", &transform<int64_t>);
+  m.def("interpolate_linear", &interpolateLinear<int32_t>);
+  m.def("interpolate_linear", &interpolateLinear<int64_t>);
+  m.def("nearest_vertex", &nearestVertex<int32_t>);
+  m.def("nearest_vertex", &nearestVertex<int64_t>);
+  m.def("voronoi", &voronoi<int32_t>);
+  m.def("voronoi", &voronoi<int64_t>);
+  m.def("csr_to_lists", &csrToLists<int32_t>);
+  m.def("csr_to_lists", &csrToLists<int64_t>);
   m.def("convex_hull", &convexHull<int32_t>);
   m.def("convex_hull", &convexHull<int64_t>);
   m.def("_orientation_sign", &orientationSign);
   m.def("_two_product_tail", &twoProductTail);
   m.def("_set_int32_limit", [](int64_t limit) { int32Limit = limit; });
+  mainThreadIdent = py::module_::import("threading").attr("main_thread")().attr("ident").cast<unsigned long>();
 }

@@ -5,9 +5,15 @@ three dimensions. Every orientation and sphere test is exact, so grids,
 cospherical sets, duplicates and coplanar input are ordinary input: the result
 is a valid Delaunay triangulation without flat tetrahedra, or, for coplanar
 input, an empty one.
+
+``velm3d.Voronoi``, ``velm3d.LinearNDInterpolator``,
+``velm3d.NearestNDInterpolator`` and ``velm3d.griddata`` take the place of
+their scipy namesakes on the same mesh; all of them pickle.
 """
 
 from ._delaunay import Delaunay
+from ._interpolate import LinearNDInterpolator, NearestNDInterpolator, griddata
+from ._voronoi import Voronoi
 
-__all__ = ["Delaunay"]
+__all__ = ["Delaunay", "LinearNDInterpolator", "NearestNDInterpolator", "Voronoi", "griddata"]
 __version__ = "0.99.0"

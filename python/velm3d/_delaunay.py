@@ -1,6 +1,7 @@
 """The Delaunay class: input checks, progress display and the scipy-style
 attributes around velm3d._core.Triangulation."""
 
+import os
 import sys
 import time
 
@@ -35,6 +36,8 @@ def _as_rows(points, what):
     except TypeError:
         raise ValueError(f"{what} must be an array of shape (n, 3); got {type(points).__name__}") from None
     for i, row in enumerate(rows):
+        if row is None or (np.ndim(row) == 1 and any(c is None for c in row)):
+            raise ValueError(f"{what} row {i}: {row!r} holds None where a number should be")
         try:
             values = np.asarray(row, dtype=np.float64)
         except (TypeError, ValueError):
@@ -42,6 +45,18 @@ def _as_rows(points, what):
         if values.shape != (3,):
             raise ValueError(f"{what} row {i}: expected 3 coordinates, got shape {values.shape}")
     return np.ascontiguousarray(np.asarray(rows, dtype=np.float64).reshape(-1, 3))
+
+
+def resolve_workers(workers):
+    """The number of threads for `workers`, as scipy reads it: a positive
+    count, or -1 for every core this process may use."""
+    if isinstance(workers, (bool, np.bool_)) or not isinstance(workers, (int, np.integer)):
+        raise ValueError(f"workers must be an integer; got {workers!r}")
+    if workers == -1:
+        return len(os.sched_getaffinity(0)) if hasattr(os, "sched_getaffinity") else os.cpu_count() or 1
+    if workers < 1:
+        raise ValueError(f"workers must be -1 or a positive count; got {workers}")
+    return int(workers)
 
 
 class _ProgressBar:
@@ -91,7 +106,7 @@ class _ProgressBar:
 class Delaunay:
     """Delaunay triangulation of points in 3D, by exact arithmetic.
 
-    ``Delaunay(points, *, progress=False, check=False, verbose=False)``
+    ``Delaunay(points, *, progress=False, check=False, verbose=False, workers=1)``
 
     points : array_like, shape (n, 3)
         Coordinates, converted to float64; any finite value. NaN and
@@ -102,6 +117,10 @@ class Delaunay:
         Run ``check()`` after each insertion and raise RuntimeError if it fails.
     verbose : bool
         Let the library print its own lines on standard output.
+    workers : int
+        Threads for the arrays derived from the mesh (``transform``,
+        ``vertex_neighbor_vertices``) and for ``find_simplex``: a count, or -1
+        for all cores. The insertion and the location are one-threaded as yet.
 
     Attributes, as in ``scipy.spatial.Delaunay``: ``points``, ``simplices``
     (every tetrahedron positively oriented: corner 3 lies on the side to which
@@ -110,7 +129,7 @@ class Delaunay:
     ``vertex_neighbor_vertices``, ``convex_hull`` (facets counterclockwise
     seen from outside), ``coplanar`` (rows [point, simplex, vertex] for points
     that repeat an earlier point), ``nsimplex``, ``npoints``, ``ndim``,
-    ``min_bound``, ``max_bound``. Beyond scipy: ``vertex_of_point``, ``is_3d``
+    ``min_bound``, ``max_bound``, ``transform``. Beyond scipy: ``vertex_of_point``, ``is_3d``
     and ``check()``.
 
     Ctrl-C interrupts the construction within a fraction of a second with
@@ -120,10 +139,11 @@ class Delaunay:
     and ``check`` raise RuntimeError from then on.
     """
 
-    def __init__(self, points, *, progress=False, check=False, verbose=False):
+    def __init__(self, points, *, progress=False, check=False, verbose=False, workers=1):
         self._verbose = verbose
         self._progress = progress
         self._check = check
+        self._workers = resolve_workers(workers)
         rows = _as_rows(points, "points")
         self._tri = _core.Triangulation(verbose)
         self.points = np.empty((0, 3), dtype=np.float64)
@@ -132,7 +152,8 @@ class Delaunay:
     def _insert(self, rows):
         bar = _ProgressBar() if self._progress else None
         try:
-            self.simplices, self.neighbors, self.vertex_of_point, self.coplanar = self._tri.insert(rows, bar)
+            self.simplices, self.neighbors, self.vertex_of_point, self.coplanar = self._tri.insert(
+                rows, bar, self._workers)
         finally:
             if bar is not None:
                 bar.close(finished=self._tri.is_open)
@@ -141,6 +162,8 @@ class Delaunay:
         self._vertex_to_simplex = None
         self._vertex_neighbor_vertices = None
         self._convex_hull = None
+        self._transform = None
+        self._tet_map = None
         if self._check:
             fault = self._tri.check()
             if fault:
@@ -186,8 +209,20 @@ class Delaunay:
         ``indices[indptr[k]:indptr[k + 1]]``, ascending."""
         if self._vertex_neighbor_vertices is None:
             self._vertex_neighbor_vertices = _core.vertex_neighbor_vertices(
-                self.simplices, self.neighbors, self.vertex_to_simplex)
+                self.simplices, self.neighbors, self.vertex_to_simplex, self._workers)
         return self._vertex_neighbor_vertices
+
+    @property
+    def transform(self):
+        """Barycentric transforms, shape (nsimplex, 4, 3), as scipy's: for
+        simplex i, ``transform[i, :3]`` is the inverse of T = [p0 - p3, p1 - p3,
+        p2 - p3] (columns) and ``transform[i, 3]`` is p3, so that
+        ``c = transform[i, :3] @ (x - transform[i, 3])`` are the first three
+        barycentric coordinates of x and 1 - c.sum() the fourth. Computed on
+        first use."""
+        if self._transform is None:
+            self._transform = _core.transform(self.points, self.simplices, self._workers)
+        return self._transform
 
     @property
     def convex_hull(self):
@@ -197,18 +232,26 @@ class Delaunay:
             self._convex_hull = _core.convex_hull(self.simplices, self.neighbors)
         return self._convex_hull
 
-    def find_simplex(self, xi, bruteforce=False, tol=None):
+    def find_simplex(self, xi, bruteforce=False, tol=None, *, workers=None):
         """Row of ``simplices`` of a tetrahedron that contains each point of
-        `xi` (shape (..., 3)), -1 outside the convex hull. Decided exactly:
-        points on a facet, an edge or a vertex are inside. `bruteforce` and
-        `tol` are accepted for compatibility and have no effect."""
+        `xi` (shape (..., 3)), -1 outside the convex hull and for a query
+        with a NaN or infinite coordinate. Decided exactly: points on a
+        facet, an edge or a vertex are inside. The queries are located in
+        the order of the vertex store's curve, each walk starting from the
+        previous answer. `bruteforce` and `tol` are accepted for
+        compatibility and have no effect."""
         arr = np.asarray(xi)
         if arr.ndim == 0 or arr.shape[-1] != 3:
             raise ValueError(f"xi must have shape (..., 3); got shape {arr.shape}")
-        shape = arr.shape[:-1]
-        rows = _as_rows(arr.reshape(-1, 3), "xi")
-        result = self._tri.find_simplex(rows)
-        return result.astype(self.simplices.dtype, copy=False).reshape(shape)
+        return self._locate(_as_rows(arr.reshape(-1, 3), "xi"), workers).reshape(arr.shape[:-1])
+
+    def _locate(self, rows, workers=None):
+        """find_simplex of (q, 3) float64 rows, in the dtype of simplices."""
+        workers = self._workers if workers is None else resolve_workers(workers)
+        result = self._tri.find_simplex(rows, workers).astype(self.simplices.dtype, copy=False)
+        if self._tet_map is not None:
+            result = np.where(result >= 0, self._tet_map[result], -1).astype(self.simplices.dtype)
+        return result
 
     def add_points(self, points, restart=False):
         """Inserts more points. Indices of earlier points, and the meaning of
@@ -233,6 +276,27 @@ class Delaunay:
     def close(self):
         """Releases the triangulation (its memory); the arrays stay."""
         self._tri.close()
+
+    def __getstate__(self):
+        return {"points": self.points, "simplices": self.simplices, "neighbors": self.neighbors,
+                "options": (self._progress, self._check, self._verbose, self._workers)}
+
+    def __setstate__(self, state):
+        """Rebuilds the triangulation from the points. Should the rebuilt
+        mesh number its tetrahedra (or order their corners) otherwise, the
+        pickled arrays stay and find_simplex answers in their numbering."""
+        self._progress, self._check, self._verbose, self._workers = state["options"]
+        self._tri = _core.Triangulation(self._verbose)
+        self.points = np.empty((0, 3), dtype=np.float64)
+        self._insert(np.ascontiguousarray(state["points"], dtype=np.float64))
+        simplices, neighbors = state["simplices"], state["neighbors"]
+        if np.array_equal(simplices, self.simplices) and np.array_equal(neighbors, self.neighbors):
+            return
+        mine = np.lexsort(np.sort(self.simplices, axis=1).T[::-1])
+        theirs = np.lexsort(np.sort(simplices, axis=1).T[::-1])
+        self._tet_map = np.empty(len(mine), dtype=np.int64)
+        self._tet_map[mine] = theirs
+        self.simplices, self.neighbors = simplices, neighbors
 
     def __repr__(self):
         return f"<velm3d.Delaunay: {self.npoints} points, {self.nsimplex} tetrahedra>"
