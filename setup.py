@@ -10,7 +10,7 @@ from setuptools import setup
 
 LIBRARY_SOURCES = [
     "dt3Library/Velm_3D.cpp", "dt3Library/freeFunctions.cpp", "dt3Library/Point3.cpp",
-    "dt3Library/Tet3.cpp", "dt3Library/Vector3.cpp", "dt3Library/BrixTest3.cpp",
+    "dt3Library/Tet3.cpp", "dt3Library/Vector3.cpp", "dt3Library/BrixTest3.cpp", "dt3Library/BrixTest3AnyDouble.cpp",
     "dt3Library/HC3.cpp", "dt3Library/Dt3.cpp", "dt3Library/SimplePool.cpp",
     "dt3Library/Surface3.cpp",
     "dt3Library/Visualizer3.cpp", "dt3Library/testDataGenerators.cpp",

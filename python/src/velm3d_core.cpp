@@ -961,8 +961,8 @@ const ExactTest& predicates() {
 // test's filter, then, where it leaves the sign open, the exact class.
 bool isOnSphere(const double* a, const double* b, const double* c, const double* d, const double* e) {
   double det, permanent, floor;
-  ExactTest::insphereFilter(a, b, c, d, e, det, permanent, floor);
-  if (ExactTest::filterDecides(det, predicates().isperrboundA * permanent + floor)) return false;
+  kernels::insphereFilter(a, b, c, d, e, det, permanent, floor);
+  if (kernels::filterDecides(det, predicates().isperrboundA * permanent + floor)) return false;
   double p[5][3];
   const double* src[5] = {a, b, c, d, e};
   for (int i = 0; i < 5; ++i) std::copy(src[i], src[i] + 3, p[i]);
