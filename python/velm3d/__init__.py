@@ -7,7 +7,11 @@ is a valid Delaunay triangulation without flat tetrahedra, or, for coplanar
 input, an empty one.
 """
 
+from importlib.metadata import version as _version
+
 from ._delaunay import Delaunay
 
 __all__ = ["Delaunay"]
-__version__ = "0.99.0"
+# The version of the installed distribution, which setup.py takes from the
+# file VERSION, as the C++ library's build does.
+__version__ = _version("velm3d")
