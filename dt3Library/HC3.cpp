@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cmath>
 #include <iostream>
+#include <iterator>
 #include <map>
 
 #include "Tet3.h"
@@ -89,12 +90,19 @@ public:
   }
 
 private:
+  // Before each entry of the set come the entries of the array that precede
+  // it; what is left of the array follows. With the set empty (the usual
+  // case) that is a plain loop over the array.
   template <class ItSorted, class ItRecent, class Before, class Visit>
   static bool merge(ItSorted it, ItSorted end, ItRecent itRecent, ItRecent endRecent, Before before, Visit visit) {
-    while (it != end || itRecent != endRecent) {
-      const bool bRecent = it == end || (itRecent != endRecent && before(*itRecent, *it));
-      if (visit(bRecent ? *itRecent++ : *it++)) return true;
+    for (; itRecent != endRecent; ++itRecent) {
+      const IdxVtx& recent = *itRecent;
+      for (; it != end && before(*it, recent); ++it)
+        if (visit(*it)) return true;
+      if (visit(recent)) return true;
     }
+    for (; it != end; ++it)
+      if (visit(*it)) return true;
     return false;
   }
 
