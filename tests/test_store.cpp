@@ -47,13 +47,14 @@ void runAgainstModel(unsigned numBits, unsigned seed) {
     // A batch: new points, repeats among them and of stored ones.
     std::vector<Point3> vBatch;
     for (int i = 0; i < (round % 3 == 1 ? 5000 : 3000); ++i) vBatch.push_back(point());
+    if (round == 0) vBatch.front() = vBatch.back() = Point3(0, 0, 0); // the first in curve order, repeated
     std::vector<Point3*> vHandles;
     const size_t numBefore = vNewAll.size();
     h.addPoints(vBatch, vHandles, vNewAll);
     const std::vector<Point3*> vNew(vNewAll.begin() + static_cast<long>(numBefore), vNewAll.end());
     std::map<Point3*, size_t> firstInput; // new vertex -> its first input index
     for (size_t i = 0; i < vBatch.size(); ++i) {
-      ASSERT_TRUE(*vHandles[i] == vBatch[i]);
+      ASSERT_TRUE(vHandles[i] != nullptr && *vHandles[i] == vBatch[i]) << i;
       Point3*& pKnown = model[coords(vBatch[i])];
       if (pKnown == nullptr) {
         pKnown = vHandles[i];
