@@ -1,24 +1,34 @@
 # Builds velm3d._core: the binding and the library's own sources in one
-# extension, all compiled with the library's floating-point flags. The exact
-# predicates need plain IEEE double arithmetic: no contraction into fused
-# multiply-adds, no unsafe math, SSE2 instead of x87 on x86-64.
+# extension. What the library is made of is read from the files that the
+# CMake build reads too: the version from VERSION, the source files and the
+# floating-point flags from dt3Library/build.txt.
 import os
 import platform
+from pathlib import Path
 
 from pybind11.setup_helpers import ParallelCompile, Pybind11Extension, build_ext
 from setuptools import setup
 
-LIBRARY_SOURCES = [
-    "dt3Library/Velm_3D.cpp", "dt3Library/freeFunctions.cpp", "dt3Library/Point3.cpp",
-    "dt3Library/Tet3.cpp", "dt3Library/Vector3.cpp", "dt3Library/BrixTest3.cpp", "dt3Library/BrixTest3AnyDouble.cpp",
-    "dt3Library/HC3.cpp", "dt3Library/Dt3.cpp", "dt3Library/SimplePool.cpp",
-    "dt3Library/Surface3.cpp",
-    "dt3Library/Visualizer3.cpp", "dt3Library/testDataGenerators.cpp",
-]
+ROOT = Path(__file__).resolve().parent
 
-flags = ["-O3", "-Wall", "-Wextra", "-ffp-contract=off", "-fno-fast-math", "-g0"]
+
+def build_lists():
+    """The entries of dt3Library/build.txt by kind: "source", "fpflag", "fpflag-x86_64"."""
+    lists = {}
+    for line in (ROOT / "dt3Library" / "build.txt").read_text().splitlines():
+        if line.strip() and not line.startswith("#"):
+            kind, entry = line.split(None, 1)
+            lists.setdefault(kind, []).append(entry.strip())
+    return lists
+
+
+VERSION = (ROOT / "VERSION").read_text().strip()
+MAJOR, MINOR, REVISION = VERSION.split(".")
+LISTS = build_lists()
+
+flags = ["-O3", "-Wall", "-Wextra", "-g0"] + LISTS["fpflag"]
 if platform.machine() in ("x86_64", "AMD64"):
-    flags += ["-msse2", "-mfpmath=sse"]
+    flags += LISTS["fpflag-x86_64"]
 # As the CMake option of the same name: warnings become errors (CI sets it).
 if os.environ.get("VELM3D_WERROR", "").upper() in ("1", "ON", "TRUE", "YES"):
     flags.append("-Werror")
@@ -26,13 +36,19 @@ if os.environ.get("VELM3D_WERROR", "").upper() in ("1", "ON", "TRUE", "YES"):
 ParallelCompile("VELM3D_BUILD_JOBS", default=2).install()
 
 setup(
+    version=VERSION,
     package_dir={"": "python"},
     packages=["velm3d"],
     ext_modules=[
         Pybind11Extension(
             "velm3d._core",
-            ["python/src/velm3d_core.cpp"] + LIBRARY_SOURCES,
+            ["python/src/velm3d_core.cpp"] + ["dt3Library/" + source for source in LISTS["source"]],
             include_dirs=["dt3Library"],
+            define_macros=[
+                ("VELM3D_VERSION_MAJOR", MAJOR),
+                ("VELM3D_VERSION_MINOR", MINOR),
+                ("VELM3D_VERSION_REVISION", REVISION),
+            ],
             cxx_std=17,
             extra_compile_args=flags,
         )

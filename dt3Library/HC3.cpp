@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cmath>
 #include <iostream>
+#include <iterator>
 #include <map>
 
 #include "Tet3.h"
@@ -23,6 +24,7 @@ bool HC3::bFirstEnlarge = false;
 namespace {
 
 using KeyAndIndex = std::pair<unsigned int, unsigned long>;
+using RecentSet = std::set<IdxVtx, Func_ltIdxVtx>;
 
 // Sorts by key, then by index, as std::sort on the pairs would. The pairs
 // arrive in index order, so a stable sort by key alone gives that order: a
@@ -57,6 +59,170 @@ void sortByKey(std::vector<KeyAndIndex>& v) {
   }
   if (pFrom != v.data()) std::copy(pFrom, pFrom + n, v.data());
 }
+
+// The curve order read as one sequence: vSorted and sRecent merged. This is
+// the only place where the two are merged entry by entry. A position is a
+// pair of iterators; the entries before it are those before both.
+class CurveOrder {
+public:
+  struct Position {
+    std::vector<IdxVtx>::const_iterator it;
+    RecentSet::const_iterator itRecent;
+  };
+
+  CurveOrder(const std::vector<IdxVtx>& vSorted_, const RecentSet& sRecent_) : vSorted(vSorted_), sRecent(sRecent_) {}
+
+  Position begin() const { return {vSorted.begin(), sRecent.begin()}; }
+  // The position of the first entry that q does not come after.
+  Position lowerBound(const IdxVtx& q) const {
+    return {std::lower_bound(vSorted.begin(), vSorted.end(), q, Func_ltIdxVtx()), sRecent.lower_bound(q)};
+  }
+
+  // Visits the entries from `at` on in ascending order, or those before `at`
+  // in descending order, until `visit` returns true; answers whether it did.
+  template <class Visit> bool forward(const Position& at, Visit visit) const {
+    return merge(at.it, vSorted.end(), at.itRecent, sRecent.end(), Func_ltIdxVtx(), visit);
+  }
+  template <class Visit> bool backward(const Position& at, Visit visit) const {
+    const auto after = [](const IdxVtx& a, const IdxVtx& b) { return Func_ltIdxVtx()(b, a); };
+    return merge(std::make_reverse_iterator(at.it), vSorted.rend(), std::make_reverse_iterator(at.itRecent),
+                 sRecent.rend(), after, visit);
+  }
+
+private:
+  // Before each entry of the set come the entries of the array that precede
+  // it; what is left of the array follows. With the set empty (the usual
+  // case) that is a plain loop over the array.
+  template <class ItSorted, class ItRecent, class Before, class Visit>
+  static bool merge(ItSorted it, ItSorted end, ItRecent itRecent, ItRecent endRecent, Before before, Visit visit) {
+    for (; itRecent != endRecent; ++itRecent) {
+      const IdxVtx& recent = *itRecent;
+      for (; it != end && before(*it, recent); ++it)
+        if (visit(*it)) return true;
+      if (visit(recent)) return true;
+    }
+    for (; it != end; ++it)
+      if (visit(*it)) return true;
+    return false;
+  }
+
+  const std::vector<IdxVtx>& vSorted;
+  const RecentSet& sRecent;
+};
+
+// Step 2 of a bulk insertion: the (key, input index) pairs of the batch, by
+// key and, with equal keys, by input order.
+std::vector<KeyAndIndex> keysInCurveOrder(HC3& store, const std::vector<Point3>& vPoints) {
+  const size_t n = vPoints.size();
+  std::vector<KeyAndIndex> vKeys(n);
+  for (size_t i = 0; i < n; ++i) vKeys[i] = std::make_pair(store.iReset(vPoints[i]), static_cast<unsigned long>(i));
+  sortByKey(vKeys);
+  return vKeys;
+}
+
+// Step 3 of a bulk insertion: the batch is taken in key order and each input
+// gets its vertex. A point alone at its key, with no stored vertex of that
+// key, becomes a vertex at once: that is nearly every point. A key shared by
+// several points of the batch or by stored vertices makes a group, in which
+// sorting by coordinates finds the repeats, of one another and of stored
+// vertices; of equal points the first in input order is the one stored, and
+// the new vertices are made in input order. The new entries are collected
+// in the store's order, for one merge into the flat array at the end.
+class BulkInsertion {
+public:
+  BulkInsertion(const std::vector<Point3>& vPoints_, const std::vector<KeyAndIndex>& vKeys_,
+                const std::vector<IdxVtx>& vSorted_, BRIX_TOOLS::SimplePool<Point3>& pointPool_,
+                std::vector<Point3*>& vUserHandles_, std::vector<Point3*>& vNewVertices_)
+      : vPoints(vPoints_), vKeys(vKeys_), vSorted(vSorted_), pointPool(pointPool_), vUserHandles(vUserHandles_),
+        vNewVertices(vNewVertices_) {}
+
+  // Gives every input its handle and returns the new entries in curve order.
+  std::vector<IdxVtx> run() {
+    const size_t n = vKeys.size();
+    vAdd.reserve(n);
+    auto existing = vSorted.begin();
+    for (size_t first = 0; first < n;) {
+      // The points are read in key order, all over the input: ask ahead.
+      if (first + 16 < n) __builtin_prefetch(&vPoints[vKeys[first + 16].second]);
+      const unsigned int key = vKeys[first].first;
+      size_t last = first + 1;
+      while (last < n && vKeys[last].first == key) ++last;
+      existing = std::lower_bound(existing, vSorted.end(), IdxVtx{key, nullptr}, Func_ltIdxVtx());
+      const bool bStoredKey = existing != vSorted.end() && existing->idx == key;
+      if (last == first + 1 && !bStoredKey) {
+        vAdd.push_back({key, makeVertex(first)});
+      } else {
+        findRepeats(first, last, existing);
+        storeGroup(first, last);
+      }
+      first = last;
+    }
+    return std::move(vAdd);
+  }
+
+private:
+  const Point3& pointAt(size_t k) const { return vPoints[vKeys[k].second]; }
+
+  // A new vertex for the input at sorted position k.
+  Point3* makeVertex(size_t k) {
+    Point3* pVtx = pointPool.nextObject();
+    pVtx->init(pointAt(k));
+    vUserHandles[vKeys[k].second] = pVtx;
+    vNewVertices.push_back(pVtx);
+    return pVtx;
+  }
+
+  // Puts the group's positions [first, last) in coordinate order (input
+  // order among equals) into vGroup, and marks each in vKind: -1 a new
+  // vertex, -2 a repeat of a stored vertex (its handle set here), else the
+  // position of the earlier equal point whose vertex it shares. `stored` is
+  // the first stored entry of the group's key, if there is one.
+  void findRepeats(size_t first, size_t last, std::vector<IdxVtx>::const_iterator stored) {
+    const unsigned int key = vKeys[first].first;
+    vGroup.clear();
+    for (size_t k = first; k < last; ++k) vGroup.push_back(k);
+    std::sort(vGroup.begin(), vGroup.end(), [&](size_t a, size_t b) {
+      return pointAt(a) < pointAt(b) || (!(pointAt(b) < pointAt(a)) && a < b);
+    });
+    vKind.assign(last - first, -1);
+    const size_t none = vKeys.size();
+    size_t runFirst = none;
+    for (size_t k : vGroup) {
+      const Point3& p = pointAt(k);
+      while (stored != vSorted.end() && stored->idx == key && *stored->pVtx < p) ++stored;
+      if (stored != vSorted.end() && stored->idx == key && !(p < *stored->pVtx)) {
+        vUserHandles[vKeys[k].second] = stored->pVtx;
+        vKind[k - first] = -2;
+      } else if (runFirst != none && !(pointAt(runFirst) < p)) {
+        vKind[k - first] = static_cast<long>(runFirst);
+      } else {
+        runFirst = k;
+      }
+    }
+  }
+
+  // Makes the group's new vertices in input order, hands the repeats their
+  // vertex, and collects the new entries in coordinate order.
+  void storeGroup(size_t first, size_t last) {
+    for (size_t k = first; k < last; ++k) {
+      const long kind = vKind[k - first];
+      if (kind == -1) makeVertex(k);
+      else if (kind >= 0) vUserHandles[vKeys[k].second] = vUserHandles[vKeys[static_cast<size_t>(kind)].second];
+    }
+    for (size_t k : vGroup)
+      if (vKind[k - first] == -1) vAdd.push_back({vKeys[k].first, vUserHandles[vKeys[k].second]});
+  }
+
+  const std::vector<Point3>& vPoints;
+  const std::vector<KeyAndIndex>& vKeys;
+  const std::vector<IdxVtx>& vSorted;
+  BRIX_TOOLS::SimplePool<Point3>& pointPool;
+  std::vector<Point3*>& vUserHandles;
+  std::vector<Point3*>& vNewVertices;
+  std::vector<IdxVtx> vAdd;
+  std::vector<size_t> vGroup;
+  std::vector<long> vKind;
+};
 
 } // namespace
 
@@ -112,11 +278,17 @@ unsigned int HC3::iReset(const Point3& p) {
   return key;
 }
 
+// Appends the entries of [first, last), which are in the store's order, to
+// vSorted and merges the two runs.
+template <class It> void HC3::mergeIntoSorted(It first, It last) {
+  const size_t numOld = vSorted.size();
+  vSorted.insert(vSorted.end(), first, last);
+  std::inplace_merge(vSorted.begin(), vSorted.begin() + static_cast<long>(numOld), vSorted.end(), Func_ltIdxVtx());
+}
+
 void HC3::mergeRecent() {
   if (sRecent.empty()) return;
-  const size_t numOld = vSorted.size();
-  vSorted.insert(vSorted.end(), sRecent.begin(), sRecent.end());
-  std::inplace_merge(vSorted.begin(), vSorted.begin() + static_cast<long>(numOld), vSorted.end(), Func_ltIdxVtx());
+  mergeIntoSorted(sRecent.begin(), sRecent.end());
   sRecent.clear();
 }
 
@@ -155,102 +327,30 @@ void HC3::enlarge(double factor, double secondFactor) {
   reconfig();
 }
 
+// Step 1 of a bulk insertion: widens the box over the batch and re-keys the
+// store if the box changed. The first bulk insertion of the process gets a
+// small margin.
+void HC3::widenBoxFor(const std::vector<Point3>& vPoints) {
+  if (!bbox.add(vPoints)) return;
+  if (!bFirstEnlarge) {
+    bFirstEnlarge = true;
+    enlarge(0.1, 0.5);
+  } else {
+    enlarge(0.5, 1.0);
+  }
+}
+
 void HC3::addPoints(std::vector<Point3>& vPoints, std::vector<Point3*>& vUserHandles,
                     std::vector<Point3*>& vNewVertices) {
   VELM_ASSERT(vUserHandles.empty());
-  if (bbox.add(vPoints)) {
-    // The first bulk insertion of the process gets a small margin.
-    if (!bFirstEnlarge) {
-      bFirstEnlarge = true;
-      enlarge(0.1, 0.5);
-    } else {
-      enlarge(0.5, 1.0);
-    }
-  }
+  widenBoxFor(vPoints);
   mergeRecent();
-  const size_t n = vPoints.size();
-  std::vector<KeyAndIndex> vKeys(n);
-  for (size_t i = 0; i < n; ++i) vKeys[i] = std::make_pair(iReset(vPoints[i]), static_cast<unsigned long>(i));
-  sortByKey(vKeys);
-
-  vUserHandles.assign(n, nullptr);
-  vNewVertices.reserve(vNewVertices.size() + n);
-  // The points arrive by key; those of one key (nearly always a single one)
-  // are a group. In a group, sorting by coordinates finds the repeats, of one
-  // another and of stored vertices of the key; the first by input order of
-  // equal points is the one stored, and the new vertices are made in input
-  // order. vAdd collects the new entries in the store's order.
-  std::vector<IdxVtx> vAdd;
-  vAdd.reserve(n);
-  std::vector<size_t> vGroup;
-  std::vector<long> vKind;
-  const Func_ltIdxVtx lt;
-  auto existing = vSorted.begin();
-  for (size_t first = 0; first < n;) {
-    // The points are read in key order, all over the input: ask ahead.
-    if (first + 16 < n) __builtin_prefetch(&vPoints[vKeys[first + 16].second]);
-    const unsigned int key = vKeys[first].first;
-    size_t last = first + 1;
-    while (last < n && vKeys[last].first == key) ++last;
-    existing = std::lower_bound(existing, vSorted.end(), IdxVtx{key, nullptr}, lt);
-    const bool bStoredKey = existing != vSorted.end() && existing->idx == key;
-    if (last == first + 1 && !bStoredKey) {
-      const unsigned long i = vKeys[first].second;
-      Point3* pVtx = pointPool.nextObject();
-      pVtx->init(vPoints[i]);
-      vUserHandles[i] = pVtx;
-      vNewVertices.push_back(pVtx);
-      vAdd.push_back({key, pVtx});
-      first = last;
-      continue;
-    }
-    // Positions k of the group in coordinate order (input order among
-    // equals); vKind[k - first]: -1 a new vertex, -2 a stored one, else the
-    // position of the earlier equal point whose vertex it shares.
-    vGroup.clear();
-    for (size_t k = first; k < last; ++k) vGroup.push_back(k);
-    const auto pointAt = [&](size_t k) -> const Point3& { return vPoints[vKeys[k].second]; };
-    std::sort(vGroup.begin(), vGroup.end(), [&](size_t a, size_t b) {
-      return pointAt(a) < pointAt(b) || (!(pointAt(b) < pointAt(a)) && a < b);
-    });
-    vKind.assign(last - first, -1);
-    auto stored = existing;
-    size_t runFirst = n;
-    for (size_t k : vGroup) {
-      const Point3& p = pointAt(k);
-      while (stored != vSorted.end() && stored->idx == key && *stored->pVtx < p) ++stored;
-      if (stored != vSorted.end() && stored->idx == key && !(p < *stored->pVtx)) {
-        vUserHandles[vKeys[k].second] = stored->pVtx;
-        vKind[k - first] = -2;
-      } else if (runFirst != n && !(pointAt(runFirst) < p)) {
-        vKind[k - first] = static_cast<long>(runFirst);
-      } else {
-        runFirst = k;
-      }
-    }
-    for (size_t k = first; k < last; ++k) {
-      const long kind = vKind[k - first];
-      const unsigned long i = vKeys[k].second;
-      if (kind == -1) {
-        Point3* pVtx = pointPool.nextObject();
-        pVtx->init(vPoints[i]);
-        vUserHandles[i] = pVtx;
-        vNewVertices.push_back(pVtx);
-      } else if (kind >= 0) {
-        vUserHandles[i] = vUserHandles[vKeys[static_cast<size_t>(kind)].second];
-      }
-    }
-    for (size_t k : vGroup)
-      if (vKind[k - first] == -1) vAdd.push_back({key, vUserHandles[vKeys[k].second]});
-    first = last;
-  }
-  if (vSorted.empty()) {
-    vSorted.swap(vAdd);
-  } else if (!vAdd.empty()) {
-    const size_t numOld = vSorted.size();
-    vSorted.insert(vSorted.end(), vAdd.begin(), vAdd.end());
-    std::inplace_merge(vSorted.begin(), vSorted.begin() + static_cast<long>(numOld), vSorted.end(), lt);
-  }
+  const std::vector<KeyAndIndex> vKeys = keysInCurveOrder(*this, vPoints);
+  vUserHandles.assign(vPoints.size(), nullptr);
+  vNewVertices.reserve(vNewVertices.size() + vPoints.size());
+  std::vector<IdxVtx> vAdd = BulkInsertion(vPoints, vKeys, vSorted, pointPool, vUserHandles, vNewVertices).run();
+  if (vSorted.empty()) vSorted.swap(vAdd);
+  else if (!vAdd.empty()) mergeIntoSorted(vAdd.begin(), vAdd.end());
 }
 
 std::pair<Point3*, Tet3*> HC3::addPoint(Point3& p) {
@@ -267,34 +367,26 @@ std::pair<Point3*, Tet3*> HC3::addPoint(Point3& p) {
     if (sRecent.size() > 4096 + vSorted.size() / 8) mergeRecent();
   }
   if (pVtx->getOneTet() != nullptr) return std::make_pair(pVtx, pVtx->getOneTet());
-  // One step along the curve: the preceding vertex, or the following one at
-  // the front of the curve.
-  const IdxVtx self{q.idx, pVtx};
-  const Func_ltIdxVtx lt;
-  const auto it = std::lower_bound(vSorted.begin(), vSorted.end(), self, lt);
-  const auto itRecent = sRecent.lower_bound(self);
-  const IdxVtx* pPrev = it != vSorted.begin() ? &*std::prev(it) : nullptr;
-  if (itRecent != sRecent.begin() && (pPrev == nullptr || lt(*pPrev, *std::prev(itRecent))))
-    pPrev = &*std::prev(itRecent);
-  if (pPrev != nullptr) return std::make_pair(pVtx, pPrev->pVtx->getOneTet());
-  // pVtx is the first entry: the next one is the first other entry.
-  const auto itNext = (it != vSorted.end() && it->pVtx == pVtx) ? std::next(it) : it;
-  const auto itRecentNext = (itRecent != sRecent.end() && itRecent->pVtx == pVtx) ? std::next(itRecent) : itRecent;
-  const IdxVtx* pNext = itNext != vSorted.end() ? &*itNext : nullptr;
-  if (itRecentNext != sRecent.end() && (pNext == nullptr || lt(*itRecentNext, *pNext))) pNext = &*itRecentNext;
-  if (pNext != nullptr) return std::make_pair(pVtx, pNext->pVtx->getOneTet());
-  return std::make_pair(pVtx, static_cast<Tet3*>(nullptr));
+  // One step along the curve: the preceding vertex, or at the front of the
+  // curve the following one.
+  const CurveOrder order(vSorted, sRecent);
+  const CurveOrder::Position self = order.lowerBound(IdxVtx{q.idx, pVtx});
+  const Point3* pNeighbour = nullptr;
+  const auto take = [&](const IdxVtx& e) {
+    pNeighbour = e.pVtx;
+    return true;
+  };
+  if (!order.backward(self, take)) order.forward(self, [&](const IdxVtx& e) { return e.pVtx != pVtx && take(e); });
+  return std::make_pair(pVtx, pNeighbour != nullptr ? pNeighbour->getOneTet() : nullptr);
 }
 
 void HC3::getVertices(std::vector<Point3*>& v) const {
   v.reserve(v.size() + getNumStoredVtx());
-  const Func_ltIdxVtx lt;
-  auto it = vSorted.begin();
-  for (const IdxVtx& recent : sRecent) {
-    for (; it != vSorted.end() && lt(*it, recent); ++it) v.push_back(it->pVtx);
-    v.push_back(recent.pVtx);
-  }
-  for (; it != vSorted.end(); ++it) v.push_back(it->pVtx);
+  const CurveOrder order(vSorted, sRecent);
+  order.forward(order.begin(), [&](const IdxVtx& e) {
+    v.push_back(e.pVtx);
+    return false;
+  });
 }
 
 void HC3::checkQ() {
@@ -343,27 +435,20 @@ void HC3::checkQ() {
 // The first vertex with a tetrahedron from the query's key on along the
 // curve, else the last one before it.
 Tet3* HC3::getCloseTet(Point3* pQuery) {
-  const IdxVtx query{iReset(*pQuery), nullptr};
-  const Func_ltIdxVtx lt;
-  const auto start = std::lower_bound(vSorted.begin(), vSorted.end(), query, lt);
-  const auto startRecent = sRecent.lower_bound(query);
-  auto it = start;
-  auto itRecent = startRecent;
-  while (it != vSorted.end() || itRecent != sRecent.end()) {
-    const bool bRecent = it == vSorted.end() || (itRecent != sRecent.end() && lt(*itRecent, *it));
-    Point3* pVtx = bRecent ? (itRecent++)->pVtx : (it++)->pVtx;
+  const CurveOrder order(vSorted, sRecent);
+  const CurveOrder::Position start = order.lowerBound(IdxVtx{iReset(*pQuery), nullptr});
+  Tet3* pTet = nullptr;
+  const auto hasTet = [&](const IdxVtx& e) {
+    pTet = e.pVtx->getOneTet();
+    return pTet != nullptr;
+  };
+  const bool bAhead = order.forward(start, [&](const IdxVtx& e) {
+    const Point3* pVtx = e.pVtx;
     VELM_ASSERT(pVtx!=NULL);
-    if (pVtx->getOneTet() != nullptr) return pVtx->getOneTet();
-  }
-  it = start;
-  itRecent = startRecent;
-  while (it != vSorted.begin() || itRecent != sRecent.begin()) {
-    const bool bRecent =
-        it == vSorted.begin() || (itRecent != sRecent.begin() && lt(*std::prev(it), *std::prev(itRecent)));
-    Point3* pVtx = bRecent ? (--itRecent)->pVtx : (--it)->pVtx;
-    if (pVtx->getOneTet() != nullptr) return pVtx->getOneTet();
-  }
-  return nullptr;
+    return hasTet(e);
+  });
+  if (!bAhead) order.backward(start, hasTet);
+  return pTet;
 }
 
 } // namespace VELM3D

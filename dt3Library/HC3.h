@@ -65,19 +65,18 @@ public:
   Tet3* getCloseTet(Point3* pQuery);
   Tet3* getCloseTet(Point3& query) { return getCloseTet(&query); }
 
-  // Inspection of the curve frame, for tests.
-  const Bbox3& getBbox() const { return bbox; }
-
   static const int addVls[8][12];
   static const int nextS[8][12];
 
 private:
   // Moves the entries of sRecent into vSorted.
   void mergeRecent();
+  template <class It> void mergeIntoSorted(It first, It last);
   // The stored entry equal to q (same key, same coordinates), or null.
   const IdxVtx* find(const IdxVtx& q) const;
 
   void enlarge(double factor, double secondFactor);
+  void widenBoxFor(const std::vector<Point3>& vPoints);
 
   Bbox3 bbox;
   [[maybe_unused]] double spareExtent;

@@ -105,6 +105,13 @@ public:
   // Inspection, for tests, statistics and walks over the records.
   const std::vector<T*>& getBlocks() const { return vBlocks; }
   const std::vector<int>& getBlockSizes() const { return vBlockSizes; }
+  // The size in records of block i of getBlocks(). reset keeps the sizes of
+  // the blocks it gives back (a doubling pool goes on from its last size), so
+  // the blocks after the first are paired with the last entries of
+  // vBlockSizes, not with the entries at their own index.
+  int getBlockSize(size_t i) const {
+    return i == 0 ? vBlockSizes[0] : vBlockSizes[vBlockSizes.size() - vBlocks.size() + i];
+  }
   size_t getNumBlocks() const { return vBlocks.size(); }
   int getMaxBlockSize() const { return maxBlockSize; }
 
@@ -144,8 +151,7 @@ template <class T> class PoolRecordSet {
 public:
   explicit PoolRecordSet(const SimplePool<T>& pool) {
     const std::vector<T*>& vStarts = pool.getBlocks();
-    const std::vector<int>& vSizes = pool.getBlockSizes();
-    for (size_t i = 0; i < vStarts.size(); ++i) vBlocks.push_back({vStarts[i], vSizes[i], 0});
+    for (size_t i = 0; i < vStarts.size(); ++i) vBlocks.push_back({vStarts[i], pool.getBlockSize(i), 0});
     std::sort(vBlocks.begin(), vBlocks.end(), [](const Block& a, const Block& b) { return a.pStart < b.pStart; });
     size_t numRecords = 0;
     for (Block& block : vBlocks) {

@@ -8,9 +8,14 @@ namespace VELM3D {
 
 namespace {
 
-const int VELM3D_CODEVERSION_MAJOR = 0;
-const int VELM3D_CODEVERSION_MINOR = 99;
-const int VELM3D_CODEVERSION_REVISION = 0;
+// The build passes the version from the file VERSION at the project root
+// (CMake through the project() line, setup.py directly).
+#if !defined(VELM3D_VERSION_MAJOR) || !defined(VELM3D_VERSION_MINOR) || !defined(VELM3D_VERSION_REVISION)
+#error "VELM3D_VERSION_MAJOR, VELM3D_VERSION_MINOR and VELM3D_VERSION_REVISION come from the build (file VERSION)"
+#endif
+const int VELM3D_CODEVERSION_MAJOR = VELM3D_VERSION_MAJOR;
+const int VELM3D_CODEVERSION_MINOR = VELM3D_VERSION_MINOR;
+const int VELM3D_CODEVERSION_REVISION = VELM3D_VERSION_REVISION;
 const std::string VELM3D_BUILD_TYPE = "RELEASE";
 
 std::string buildIdString() {

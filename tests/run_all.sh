@@ -9,9 +9,20 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 bash scripts/install_deps.sh test python
-# The Python package is built and tested with Debian's interpreter, whatever
-# python3 comes first on PATH.
-py=/usr/bin/python3
+# The Python package is built and tested with the first interpreter that has
+# NumPy and pybind11: Debian's, then the python3 first on PATH.
+py=
+for candidate in /usr/bin/python3 "$(command -v python3 || true)"; do
+  if [ -x "$candidate" ] && "$candidate" -c "import numpy, pybind11" 2>/dev/null; then
+    py=$candidate
+    break
+  fi
+done
+if [ -z "$py" ]; then
+  echo "$0: no python3 with NumPy and pybind11 (tried /usr/bin/python3 and python3 on PATH);" \
+    "bash scripts/install_deps.sh python installs them" >&2
+  exit 1
+fi
 
 cmake -S . -B build/test -DCMAKE_BUILD_TYPE=Release -DVELM3D_BUILD_TESTS=ON \
   -DVELM3D_WERROR="${VELM3D_WERROR:-OFF}"

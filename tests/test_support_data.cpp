@@ -17,43 +17,8 @@ namespace {
 
 std::vector<double> replica(unsigned long num, double min, double max) {
   std::vector<double> v;
-  const double range = max - min;
-  for (unsigned long i = 0; i < num; ++i) v.push_back(static_cast<double>(rand()) * range * 0x1p-31 + min);
+  for (unsigned long i = 0; i < num; ++i) v.push_back(static_cast<double>(rand()) * (max - min) * 0x1p-31 + min);
   return v;
-}
-
-} // namespace
-
-TEST(GenerateRandomNumbers, SeededSequenceIsExactAndRepeatable) {
-  std::vector<double> v{7.0}, w;
-  generateRandomNumbers(500, -1.3, 2.4, v, 42);
-  srand(42);
-  const std::vector<double> expected = replica(500, -1.3, 2.4);
-  EXPECT_EQ(std::vector<double>(v.begin() + 1, v.end()), expected); // bitwise, no NaN
-  generateRandomNumbers(500, -1.3, 2.4, w, 42);
-  EXPECT_EQ(w, expected);
-  for (double x : w) EXPECT_TRUE(x >= -1.3 && x < 2.4);
-  // num 0 still consumes the seed.
-  generateRandomNumbers(0, 0.0, 1.0, w, 9);
-  const int next = rand();
-  srand(9);
-  EXPECT_TRUE(next == rand() && w.size() == 500 && v[0] == 7.0);
-}
-
-TEST(GenerateRandomPoints, TwoThirdsOfTheRequestedCount) {
-  const unsigned long asked[] = {0, 1, 2, 3, 4, 10, 1000};
-  const size_t got[] = {0, 1, 2, 2, 3, 7, 667};
-  std::vector<Point3> vLong;
-  generateRandomPoints(1000, 0.0, 1.0, vLong, 3);
-  for (int k = 0; k < 7; ++k) {
-    std::vector<Point3> v(1);
-    generateRandomPoints(asked[k], 0.0, 1.0, v, 3);
-    ASSERT_EQ(v.size(), got[k] + 1);
-    for (size_t i = 1; i < v.size(); ++i) EXPECT_TRUE(v[i] == vLong[i - 1]);
-  }
-  srand(3);
-  const std::vector<double> r = replica(3, 0.0, 1.0);
-  EXPECT_TRUE(vLong[0] == Point3(r[0], r[1], r[2]));
 }
 
 // The n-th call with seed 0 seeds from the clock's second and reseeds n-1
@@ -76,38 +41,63 @@ bool seedZeroReseedsOncePerEarlierCall() {
   return false;
 }
 
+} // namespace
+
+TEST(GenerateRandomNumbers, SeededSequenceIsExactAppendedAndRepeatable) {
+  std::vector<double> v{7.0}, w;
+  generateRandomNumbers(500, -1.3, 2.4, v, 42);
+  srand(42);
+  const std::vector<double> expected = replica(500, -1.3, 2.4);
+  EXPECT_EQ(std::vector<double>(v.begin() + 1, v.end()), expected); // bitwise, no NaN
+  generateRandomNumbers(500, -1.3, 2.4, w, 42);
+  EXPECT_EQ(w, expected);
+  for (double x : w) EXPECT_TRUE(x >= -1.3 && x < 2.4);
+  generateRandomNumbers(0, 0.0, 1.0, w, 9); // num 0 still consumes the seed
+  const int next = rand();
+  srand(9);
+  EXPECT_TRUE(next == rand() && w.size() == 500 && v[0] == 7.0);
+}
+
 TEST(GenerateRandomNumbers, SeedZeroReseedsOncePerEarlierSeedZeroCall) {
   EXPECT_IN_FRESH_PROCESS(seedZeroReseedsOncePerEarlierCall());
 }
 
+TEST(GenerateRandomPoints, TwoThirdsOfTheRequestedCountFromTheNumbersInOrder) {
+  std::vector<Point3> vLong;
+  generateRandomPoints(1000, 0.0, 1.0, vLong, 3);
+  srand(3);
+  const std::vector<double> r = replica(3 * 667, 0.0, 1.0);
+  ASSERT_EQ(vLong.size(), 667u);
+  for (size_t i = 0; i < vLong.size(); ++i) EXPECT_TRUE(vLong[i] == Point3(r[3 * i], r[3 * i + 1], r[3 * i + 2]));
+  const unsigned long asked[] = {0, 1, 2, 3, 4, 10};
+  const size_t got[] = {0, 1, 2, 2, 3, 7};
+  for (int k = 0; k < 6; ++k) {
+    std::vector<Point3> v(1);
+    generateRandomPoints(asked[k], 0.0, 1.0, v, 3);
+    EXPECT_EQ(v.size(), got[k] + 1) << asked[k];
+  }
+}
+
+// Numbers are seeded before their check, points check before seeding.
 TEST(GenerateRandomData, BoundsCheckReportsConditionAndPosition) {
-  const struct {
-    double min, max;
-    bool bPoints;
-  } cases[] = {{1.0, 1.0, false}, {NAN, 1.0, false}, {2.0, 1.0, true}};
+  const struct { double min, max; bool bPoints; } cases[] = {{1.0, 1.0, false}, {NAN, 1.0, false}, {2.0, 1.0, true}};
   for (const auto& c : cases) {
     std::vector<double> vNum;
     std::vector<Point3> vPts;
     srand(5);
-    EXPECT_TRUE(support::failsAssertion(
-        [&] {
-          if (c.bPoints) generateRandomPoints(3, c.min, c.max, vPts, 8);
-          else generateRandomNumbers(3, c.min, c.max, vNum, 8);
-        },
-        "min<max"));
-    EXPECT_TRUE(vNum.empty() && vPts.empty());
-    // Numbers are seeded before their check; points check before seeding.
+    const auto generate = [&] {
+      c.bPoints ? generateRandomPoints(3, c.min, c.max, vPts, 8) : generateRandomNumbers(3, c.min, c.max, vNum, 8);
+    };
+    EXPECT_TRUE(support::failsAssertion(generate, "min<max"));
     const int next = rand();
     srand(c.bPoints ? 5 : 8);
-    EXPECT_EQ(next, rand());
+    EXPECT_TRUE(vNum.empty() && vPts.empty() && next == rand());
   }
 }
 
 TEST(ReadXYZ, GroupsOfThreeUntilTheFirstBadToken) {
-  const struct {
-    const char* text;
-    size_t numPoints;
-  } cases[] = {{"", 0}, {"1 2 3 4 5", 1}, {"1 2 x 4 5 6", 0}, {"1\n2\n3 4\t5 6\n-7e1 8 9 10", 3}};
+  const struct { const char* text; size_t numPoints; } cases[] = {
+      {"", 0}, {"1 2 3 4 5", 1}, {"1 2 x 4 5 6", 0}, {"1\n2\n3 4\t5 6\n-7e1 8 9 10", 3}};
   for (const auto& c : cases) {
     std::vector<Point3> v(1);
     const std::string path = support::writeTemp("in.xyz", c.text);

@@ -11,9 +11,13 @@ input, an empty one.
 their scipy namesakes on the same mesh; all of them pickle.
 """
 
+from importlib.metadata import version as _version
+
 from ._delaunay import Delaunay
 from ._interpolate import LinearNDInterpolator, NearestNDInterpolator, griddata
 from ._voronoi import Voronoi
 
 __all__ = ["Delaunay", "LinearNDInterpolator", "NearestNDInterpolator", "Voronoi", "griddata"]
-__version__ = "0.99.0"
+# The version of the installed distribution, which setup.py takes from the
+# file VERSION, as the C++ library's build does.
+__version__ = _version("velm3d")
