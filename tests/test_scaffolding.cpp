@@ -20,18 +20,13 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::set<Point3*> facetCorners(Tet3* t, int i) {
-  std::set<Point3*> s{t->getCorner(0), t->getCorner(1), t->getCorner(2), t->getCorner(3)};
-  s.erase(t->getCorner(i));
-  return s;
-}
-
 // Links, both ways, every two tetrahedra that share a facet.
 void link(const std::vector<Tet3*>& v) {
+  const auto facet = [](Tet3* t, int i) { return std::set<Point3*>{t->getCorner((i + 1) % 4), t->getCorner((i + 2) % 4), t->getCorner((i + 3) % 4)}; };
   for (Tet3* s : v)
     for (Tet3* t : v)
       for (int i = 0; i < 16; ++i)
-        if (s != t && facetCorners(s, i / 4) == facetCorners(t, i % 4)) s->setOppTet(i / 4, t);
+        if (s != t && facet(s, i / 4) == facet(t, i % 4)) s->setOppTet(i / 4, t);
 }
 
 // A hand-built mesh over stored vertices. The points are stored through the
@@ -225,16 +220,14 @@ TEST_F(InTempDir, ShowWritesFacesThenCornersThenTheMark) {
 TEST(Recycling, LastRetiredIsFirstReusedAfterTheSwap) {
   Mesh m({0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1});
   Tet3 *ta = m.tet(0, 1, 2, 3), *tb = m.tet(0, 1, 2, 3), *tc = m.tet(0, 1, 2, 3);
-  ta->setCustomIndex(5);
-  m.dt.doom(ta), m.dt.doom(tb);
+  ta->setCustomIndex(5), m.dt.doom(ta), m.dt.doom(tb);
   Tet3* pFresh = m.tet(0, 1, 2, 3); // retired in this round: not yet reused
   EXPECT_TRUE(ta->getCustomIndex() == -1 && pFresh != ta && pFresh != tb && pFresh != tc);
   m.dt.swapDoomedVectors();
   tb->setCustomIndex(3);
   EXPECT_EQ(m.tet(0, 1, 2, 3), tb);
   EXPECT_TRUE(tb->getLabel() > pFresh->getLabel() && tb->getCustomIndex() == -1); // every field is set anew
-  m.dt.doom(tc);
-  m.dt.swapDoomedVectors(); // ta, left over, goes back among the retired
+  m.dt.doom(tc), m.dt.swapDoomedVectors(); // ta, left over, goes back among the retired
   EXPECT_EQ(m.tet(0, 1, 2, 3), tc);
   m.dt.swapDoomedVectors();
   EXPECT_EQ(m.tet(0, 1, 2, 3), ta);
@@ -251,10 +244,9 @@ TEST(InitialTet, FirstSpanningQuadrupleOfTheStoreOrderInPositiveOrder) {
   for (int numFlat = 4; numFlat <= 18; ++numFlat) {
     Dt3 dt(nullptr);
     EXPECT_EQ(dt.createInitialTet(), nullptr);
-    for (int k = 0; k < numFlat; ++k) {
-      Point3 p(k % 3 == 2 ? 0.5 : k, k % 3 == 2 ? 1.5 * k : 0, 0);
-      dt.insert(p);
-    }
+    std::vector<Point3> vFlat;
+    for (int k = 0; k < numFlat; ++k) vFlat.emplace_back(k % 3 == 2 ? 0.5 : k, k % 3 == 2 ? 1.5 * k : 0, 0);
+    for (Point3& p : vFlat) dt.insert(p);
     EXPECT_TRUE(dt.createInitialTet() == nullptr && !dt.is3D());
     Point3 apex(0.25, 0.75, numFlat % 2 ? 1.0 : -1.0);
     captured([&] { dt.insert(apex); });
