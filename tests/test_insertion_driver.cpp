@@ -159,6 +159,8 @@ TEST(Driver, InsertRowsOnAnEmptyThenOnAPopulatedMesh) {
   const std::vector<Point3> vMore = randomPoints(500, 9, -2.0, 3.0);
   EXPECT_EQ(captured([&] { vt.insertRows(rowsOf(vMore).data(), vMore.size(), vHandles); }), "");
   EXPECT_TRUE(vHandles.size() == vMore.size() && isDelaunayOf(vt, support::joined(v, vMore)));
+  vt.insertRows(rowsOf({Point3(0.5, 0.25, 0.125)}).data(), 1, vHandles); // a single row
+  EXPECT_TRUE(vHandles.size() == 1 && isDelaunayOf(vt, support::joined(support::joined(v, vMore), {Point3(0.5, 0.25, 0.125)})));
 }
 
 // A stop leaves the Delaunay mesh of the vertices inserted so far; the row

@@ -282,3 +282,28 @@ TEST(Tet3Records, EdgeDirectionStreamFormCommonFacetAndFatalChecks) {
   for (int r = 0; r < 4; ++r) // every rotation and both directions of the shared facet's corners
     EXPECT_TRUE(Tet3::haveCommonFacet(m.t1, i, m.dt.createTet(m.e, m.v[1 + r % 3], m.v[1 + (r + 1 + r / 3) % 3], m.v[1 + (r + 2 - r / 3) % 3]), 0));
 }
+
+// The edges of facet i run round it in the order opposite to the facet's own
+// corner order (that of facetIndices, positive seen from corner i).
+TEST(Tet3Records, FacetEdgesRunRoundTheFacet) {
+  for (int i = 0; i < 4; ++i)
+    for (int j = 0; j < 3; ++j) {
+      const std::pair<int, int> e = Tet3::getEdgeIndices(i, j);
+      EXPECT_TRUE(e.first == Tet3::facetIndices[i][(3 - j) % 3] && e.second == Tet3::facetIndices[i][2 - j]) << i << j;
+    }
+}
+
+// The circumcentre is equidistant from the four corners, to a relative
+// error of rounding, on random tetrahedra of reasonable shape.
+TEST(Tet3Records, CircumcenterIsEquidistantFromTheCorners) {
+  std::vector<Point3> p = support::randomPoints(800, 17, 1.0, 4.0);
+  Mesh m({0, 0, 0});
+  for (size_t n = 0; n < p.size(); n += 4) {
+    using exact::diff;
+    if (std::fabs(exact::det3(diff<double>(p[n + 1], p[n]), diff<double>(p[n + 2], p[n]), diff<double>(p[n + 3], p[n]))) < 1) continue;
+    const Point3 c = m.dt.createTet(&p[n], &p[n + 1], &p[n + 2], &p[n + 3])->getCircumcenter();
+    double d[4];
+    for (int i = 0; i < 4; ++i) d[i] = std::hypot(c.x() - p[n + i].x(), c.y() - p[n + i].y(), c.z() - p[n + i].z());
+    EXPECT_TRUE(std::fabs(d[1] - d[0]) + std::fabs(d[2] - d[0]) + std::fabs(d[3] - d[0]) < 1e-9 * d[0]) << n;
+  }
+}
