@@ -107,7 +107,8 @@ void Dt3::insertVector(std::vector<Point3>& vPoints, std::vector<Point3*>& vUser
 
 void Dt3::insertRows(const double* pXyz, size_t numRows, std::vector<Point3*>& vUserHandles) {
   vUserHandles.clear();
-  if (numRows == 0) return;
+  // No row still takes in the vertices that earlier calls left waiting.
+  if (numRows == 0 && !bVerticesWaiting) return;
   std::vector<Point3> vPoints;
   vPoints.reserve(numRows);
   for (size_t i = 0; i < numRows; ++i) {
@@ -867,10 +868,14 @@ MeshFault Dt3::findFault(bool bCheckVisited, bool bCheckSphereInc, bool bComplet
       while (j < 4 && pOpp->getOppTet(j) != pTet) ++j;
       if (j == 4) return found(MeshFault::ONE_WAY_LINK, pTet, i, nullptr);
       Point3* pOppVtx = pOpp->getCorner(j);
+      // The neighbour's facet j must be facet i: three corners of pTet, and
+      // not the corner opposite facet i.
       if (bComplete)
-        for (int k = 0; k < 3; ++k)
-          if (!pTet->hasVertex(pOpp->getCorner(Tet3::facetIndices[j][k])))
+        for (int k = 0; k < 3; ++k) {
+          const Point3* pCorner = pOpp->getCorner(Tet3::facetIndices[j][k]);
+          if (!pTet->hasVertex(pCorner) || pCorner == pTet->getCorner(i))
             return found(MeshFault::FACET_MISMATCH, pTet, i, pOppVtx);
+        }
       fault.ori = predicates.getOrientation3(pTet, i, pOppVtx);
       if (fault.ori != ORIENTATION3_NEGATIVE) return found(MeshFault::SIDE, pTet, i, pOppVtx);
       if (bCheckSphereInc && predicates.sphereInclusionTest(pTet, pOppVtx) == SIC_INSIDE)

@@ -42,19 +42,11 @@ printf '1 2 3\n4 5 nan\n' >"$dir/nan.xyz"
 printf '1 2 3 4\n' >"$dir/four.xyz"
 printf '1 2 3\n4 1e999 6\n' >"$dir/overflow.xyz"
 : >"$dir/empty.xyz"
-bad --points
-bad --points abc
-bad --points 0
-bad --points -5
-bad --grid 1000
-bad --seed 0
-bad --frobnicate
-bad --grid 3 --points 10
-bad --grid 3 --seed 2
-bad --xyz "$dir/missing.xyz"
-bad --xyz "$dir"
-for f in nan four overflow empty; do bad --xyz "$dir/$f.xyz"; done
-bad --xyz "$dir/dup.xyz" --vtk "$dir/dup.xyz"
-bad --points 10 --vtk "$dir/no/such/dir/m.vtk"
-bad --points 10 --geomview "$dir/no/such/dir/m.list"
+# Each argument list below is split at blanks (the temporary paths have none).
+for args in --points "--points abc" "--points 0" "--points -5" "--grid 1000" "--seed 0" --frobnicate \
+  "--grid 3 --points 10" "--grid 3 --seed 2" "--xyz $dir/missing.xyz" "--xyz $dir" "--xyz $dir/nan.xyz" \
+  "--xyz $dir/four.xyz" "--xyz $dir/overflow.xyz" "--xyz $dir/empty.xyz" "--xyz $dir/dup.xyz --vtk $dir/dup.xyz" \
+  "--points 10 --vtk $dir/no/such/dir/m.vtk" "--points 10 --geomview $dir/no/such/dir/m.list"; do
+  bad $args
+done
 exit $fail
