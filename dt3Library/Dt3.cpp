@@ -109,15 +109,10 @@ void Dt3::insertRows(const double* pXyz, size_t numRows, std::vector<Point3*>& v
   vUserHandles.clear();
   // No row still takes in the vertices that earlier calls left waiting.
   if (numRows == 0 && !bVerticesWaiting) return;
-  std::vector<Point3> vPoints;
-  vPoints.reserve(numRows);
-  for (size_t i = 0; i < numRows; ++i) {
-    vPoints.emplace_back(pXyz[3 * i], pXyz[3 * i + 1], pXyz[3 * i + 2]);
-    bAllFloorFree = bAllFloorFree && kernels::inFloorFreeRange(vPoints.back());
-  }
+  // Each row as inFloorFreeRange reads a point.
+  for (size_t i = 0; i < numRows && bAllFloorFree; ++i) bAllFloorFree = kernels::allWithin(pXyz + 3 * i, 3, 0x1p-150);
   std::vector<Point3*> vNewVertices;
-  hc3.addPoints(vPoints, vUserHandles, vNewVertices);
-  std::vector<Point3>().swap(vPoints);
+  hc3.addRows(pXyz, numRows, vUserHandles, vNewVertices);
 
   Tet3* pStart = nullptr;
   if (!bFullDimensional) {

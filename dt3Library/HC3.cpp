@@ -110,9 +110,26 @@ private:
   const RecentSet& sRecent;
 };
 
+// A row-major array of x, y, z read in place as a batch of points, for the
+// bulk insertion that takes either form.
+class PointRows {
+public:
+  PointRows(const double* pXyz_, size_t num_) : pXyz(pXyz_), num(num_) {}
+  size_t size() const { return num; }
+  Point3 operator[](size_t i) const { return Point3(pXyz[3 * i], pXyz[3 * i + 1], pXyz[3 * i + 2]); }
+  const double* address(size_t i) const { return pXyz + 3 * i; }
+
+private:
+  const double* pXyz;
+  size_t num;
+};
+
+const void* addressOf(const std::vector<Point3>& vPoints, size_t i) { return &vPoints[i]; }
+const void* addressOf(const PointRows& rows, size_t i) { return rows.address(i); }
+
 // Step 2 of a bulk insertion: the (key, input index) pairs of the batch, by
 // key and, with equal keys, by input order.
-std::vector<KeyAndIndex> keysInCurveOrder(HC3& store, const std::vector<Point3>& vPoints) {
+template <class Points> std::vector<KeyAndIndex> keysInCurveOrder(HC3& store, const Points& vPoints) {
   const size_t n = vPoints.size();
   std::vector<KeyAndIndex> vKeys(n);
   for (size_t i = 0; i < n; ++i) vKeys[i] = std::make_pair(store.iReset(vPoints[i]), static_cast<unsigned long>(i));
@@ -128,9 +145,9 @@ std::vector<KeyAndIndex> keysInCurveOrder(HC3& store, const std::vector<Point3>&
 // vertices; of equal points the first in input order is the one stored, and
 // the new vertices are made in input order. The new entries are collected
 // in the store's order, for one merge into the flat array at the end.
-class BulkInsertion {
+template <class Points> class BulkInsertion {
 public:
-  BulkInsertion(const std::vector<Point3>& vPoints_, const std::vector<KeyAndIndex>& vKeys_,
+  BulkInsertion(const Points& vPoints_, const std::vector<KeyAndIndex>& vKeys_,
                 const std::vector<IdxVtx>& vSorted_, BRIX_TOOLS::SimplePool<Point3>& pointPool_,
                 std::vector<Point3*>& vUserHandles_, std::vector<Point3*>& vNewVertices_)
       : vPoints(vPoints_), vKeys(vKeys_), vSorted(vSorted_), pointPool(pointPool_), vUserHandles(vUserHandles_),
@@ -143,7 +160,7 @@ public:
     auto existing = vSorted.begin();
     for (size_t first = 0; first < n;) {
       // The points are read in key order, all over the input: ask ahead.
-      if (first + 16 < n) __builtin_prefetch(&vPoints[vKeys[first + 16].second]);
+      if (first + 16 < n) __builtin_prefetch(addressOf(vPoints, vKeys[first + 16].second));
       const unsigned int key = vKeys[first].first;
       size_t last = first + 1;
       while (last < n && vKeys[last].first == key) ++last;
@@ -161,7 +178,8 @@ public:
   }
 
 private:
-  const Point3& pointAt(size_t k) const { return vPoints[vKeys[k].second]; }
+  // A reference into a vector of points, a point made from a row.
+  decltype(auto) pointAt(size_t k) const { return vPoints[vKeys[k].second]; }
 
   // A new vertex for the input at sorted position k.
   Point3* makeVertex(size_t k) {
@@ -213,7 +231,7 @@ private:
       if (vKind[k - first] == -1) vAdd.push_back({vKeys[k].first, vUserHandles[vKeys[k].second]});
   }
 
-  const std::vector<Point3>& vPoints;
+  const Points& vPoints;
   const std::vector<KeyAndIndex>& vKeys;
   const std::vector<IdxVtx>& vSorted;
   BRIX_TOOLS::SimplePool<Point3>& pointPool;
@@ -340,17 +358,45 @@ void HC3::widenBoxFor(const std::vector<Point3>& vPoints) {
   }
 }
 
-void HC3::addPoints(std::vector<Point3>& vPoints, std::vector<Point3*>& vUserHandles,
-                    std::vector<Point3*>& vNewVertices) {
-  VELM_ASSERT(vUserHandles.empty());
-  widenBoxFor(vPoints);
+// The box of the rows, then the store's box widened over it: the rows'
+// extremes are points of the batch, so the store's box changes exactly when
+// adding every row would change it.
+void HC3::widenBoxFor(const double* pXyz, size_t numRows) {
+  if (numRows == 0) return;
+  double lo[3] = {pXyz[0], pXyz[1], pXyz[2]}, hi[3] = {pXyz[0], pXyz[1], pXyz[2]};
+  for (size_t i = 1; i < numRows; ++i)
+    for (int k = 0; k < 3; ++k) {
+      lo[k] = std::min(lo[k], pXyz[3 * i + k]);
+      hi[k] = std::max(hi[k], pXyz[3 * i + k]);
+    }
+  const std::vector<Point3> vExtremes{Point3(lo[0], lo[1], lo[2]), Point3(hi[0], hi[1], hi[2])};
+  widenBoxFor(vExtremes);
+}
+
+template <class Points>
+void HC3::addBatch(const Points& vPoints, std::vector<Point3*>& vUserHandles, std::vector<Point3*>& vNewVertices) {
   mergeRecent();
   const std::vector<KeyAndIndex> vKeys = keysInCurveOrder(*this, vPoints);
   vUserHandles.assign(vPoints.size(), nullptr);
   vNewVertices.reserve(vNewVertices.size() + vPoints.size());
-  std::vector<IdxVtx> vAdd = BulkInsertion(vPoints, vKeys, vSorted, pointPool, vUserHandles, vNewVertices).run();
+  std::vector<IdxVtx> vAdd =
+      BulkInsertion<Points>(vPoints, vKeys, vSorted, pointPool, vUserHandles, vNewVertices).run();
   if (vSorted.empty()) vSorted.swap(vAdd);
   else if (!vAdd.empty()) mergeIntoSorted(vAdd.begin(), vAdd.end());
+}
+
+void HC3::addPoints(std::vector<Point3>& vPoints, std::vector<Point3*>& vUserHandles,
+                    std::vector<Point3*>& vNewVertices) {
+  VELM_ASSERT(vUserHandles.empty());
+  widenBoxFor(vPoints);
+  addBatch(vPoints, vUserHandles, vNewVertices);
+}
+
+void HC3::addRows(const double* pXyz, size_t numRows, std::vector<Point3*>& vUserHandles,
+                  std::vector<Point3*>& vNewVertices) {
+  VELM_ASSERT(vUserHandles.empty());
+  widenBoxFor(pXyz, numRows);
+  addBatch(PointRows(pXyz, numRows), vUserHandles, vNewVertices);
 }
 
 std::pair<Point3*, Tet3*> HC3::addPoint(Point3& p) {

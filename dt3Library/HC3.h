@@ -57,6 +57,10 @@ public:
   void reconfig();
   void addPoints(std::vector<Point3>& vPoints, std::vector<Point3*>& vUserHandles,
                  std::vector<Point3*>& vNewVertices);
+  // addPoints for the numRows points of the row-major array pXyz (x, y, z
+  // per row), read in place.
+  void addRows(const double* pXyz, size_t numRows, std::vector<Point3*>& vUserHandles,
+               std::vector<Point3*>& vNewVertices);
   std::pair<Point3*, Tet3*> addPoint(Point3& p);
   void getVertices(std::vector<Point3*>& v) const;
   unsigned long getNumStoredVtx() const { return vSorted.size() + sRecent.size(); }
@@ -77,6 +81,10 @@ private:
 
   void enlarge(double factor, double secondFactor);
   void widenBoxFor(const std::vector<Point3>& vPoints);
+  void widenBoxFor(const double* pXyz, size_t numRows);
+  // Steps 2 and 3 of a bulk insertion, for a vector of points or rows.
+  template <class Points>
+  void addBatch(const Points& vPoints, std::vector<Point3*>& vUserHandles, std::vector<Point3*>& vNewVertices);
 
   Bbox3 bbox;
   [[maybe_unused]] double spareExtent;
