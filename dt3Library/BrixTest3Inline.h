@@ -518,7 +518,7 @@ void reportNullFacetTet();
 [[noreturn]] void badFacetIndex();
 
 template <bool bFloorFree>
-inline Orientation3 orientationOf(const ExactTest& t, const Point3* a, const Point3* b,
+[[gnu::always_inline]] inline Orientation3 orientationOf(const ExactTest& t, const Point3* a, const Point3* b,
                                   const Point3* c, const Point3* d) {
   double p[4][3];
   kernels::orientationTestCoordinates(a, b, c, d, p);
@@ -535,7 +535,7 @@ inline Orientation3 orientationOf(const ExactTest& t, const Point3* a, const Poi
 }
 
 template <bool bFloorFree>
-inline Orientation3 orientationOfFacet(const ExactTest& t, Tet3* pC, int ith, const Point3* pQ) {
+[[gnu::always_inline]] inline Orientation3 orientationOfFacet(const ExactTest& t, Tet3* pC, int ith, const Point3* pQ) {
   if (pC == nullptr) reportNullFacetTet();
   switch (ith) {
   case 0: return orientationOf<bFloorFree>(t, pC->getCorner(1), pC->getCorner(3), pC->getCorner(2), pQ);

@@ -360,7 +360,7 @@ Point3* Dt3::createPendingVertex(double, double, double) {
 // in whose closed triangle it lies; locateStepLimit (-99) the step limit ran
 // out.
 
-inline Orientation3 Dt3::facetOrientation(Tet3* pTet, int ith, const Point3* pVtx, bool bFloorFree) const {
+[[gnu::always_inline]] inline Orientation3 Dt3::facetOrientation(Tet3* pTet, int ith, const Point3* pVtx, bool bFloorFree) const {
   // The floored form is the rare one and stays out of line, so that the
   // loops around the inlined floor-free form keep their registers.
   return bFloorFree ? orientationOfFacet<true>(predicates, pTet, ith, pVtx) : predicates.getOrientation3(pTet, ith, pVtx);
