@@ -43,6 +43,11 @@ struct Mesh {
     return dt.createTet(v[bPositive ? a : b], v[bPositive ? b : a], v[c], v[d]);
   }
   MeshFault fault(bool bVisited = true, bool bSphere = true) const { return dt.findFault(bVisited, bSphere, true); }
+  std::string exactFault() { // the independent checker's verdict
+    std::vector<Tet3*> vTets;
+    dt.getAllTetrahedra(vTets);
+    return exact::meshFault(vTets, v);
+  }
 };
 
 // The corner tetrahedron a, b, c, d of the unit cube and a second one across
@@ -152,6 +157,7 @@ TEST_F(InTempDir, OverlappingPairIsASideFaultPointInTheSphereASphereFault) {
   EXPECT_TRUE(contains(out, "Dt3::checkValidity, HUH, vertex ") && contains(out, " should be on the negative side, tet=\n"));
   EXPECT_TRUE(contains(out, "oppIndex=" + toString(f.ith) + ", Vertex=") && contains(out, "checkValidity: positive\n"));
   EXPECT_TRUE(contains(fileMatching("[0-9]{5}_negSideBug\\.list"), "appearance{linewidth 10}"));
+  EXPECT_TRUE(contains(m.exactFault(), "neighbour's vertex not strictly beyond facet ")) << m.exactFault();
 
   Pair s(0.4, 0.4, 0.4);
   EXPECT_TRUE(!s.fault(true, false) && valid(s.dt, true, false));
@@ -159,6 +165,7 @@ TEST_F(InTempDir, OverlappingPairIsASideFaultPointInTheSphereASphereFault) {
   EXPECT_FALSE(valid(s.dt, true, true, &out));
   EXPECT_TRUE(contains(out, "Dt3::checkValidity, HUH - sphereIncTest failed: \n"));
   EXPECT_TRUE(contains(fileMatching("[0-9]{5}_sphereIncBug\\.list"), "{\nappearance { +edge -face }\nSPHERE "));
+  EXPECT_TRUE(contains(s.exactFault(), "neighbour's vertex inside the sphere across facet ") && Pair(2, 2, 2).exactFault().empty());
 }
 
 TEST(Faults, VisitedOneWayMismatchedAndNegativeTetrahedra) {
