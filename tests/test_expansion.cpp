@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <random>
 #include <utility>
 #include <vector>
@@ -62,19 +61,6 @@ int randomExpansion(std::mt19937_64& rng, double* e, int maxLen) {
 using SumRoutine = std::pair<int (*)(int, double*, int, double*, double*), bool>;
 
 } // namespace
-
-// The bounds derive from epsilon; what they must achieve is tested through
-// the predicates, which must answer with the plain determinant where the
-// bounds let the filters decide and exactly everywhere else.
-TEST(ExactInit, MeasuresTheIeeeSplitterAndEpsilon) {
-  ExactTest t;
-  EXPECT_EQ(t.splitter, 0x1p27 + 1);
-  EXPECT_EQ(t.epsilon, 0x1p-53);
-  // A second measurement starts from fixed values and gives the same bits.
-  ExactTest u = t;
-  u.exactinit();
-  EXPECT_EQ(std::memcmp(&t, &u, sizeof(ExactTest)), 0);
-}
 
 // The inline blocks as a caller of the header compiles them; those that the
 // predicates do not use are checked here only.

@@ -204,28 +204,3 @@ def test_insertion_releases_the_gil_and_threads_take_turns(rng):
         w.join()
     for k in range(4):
         assert_delaunay(results[k], points[k::4][:4000])
-
-
-def test_memory_is_given_back_after_del():
-    code = """
-        import gc, numpy as np, velm3d
-        def rss_mib():
-            with open("/proc/self/statm") as f:
-                return int(f.read().split()[1]) * 4096 / 2**20
-        p = np.random.default_rng(0).uniform(0, 1, (300000, 3))
-        velm3d.Delaunay(p[:1000])
-        base = rss_mib()
-        for _ in range(3):
-            tri = velm3d.Delaunay(p)
-            peak = rss_mib()
-            del tri
-            gc.collect()
-            print(round(peak - base), round(rss_mib() - base))
-    """
-    child = run_child(code)
-    assert child.returncode == 0, child.stderr
-    rows = [tuple(map(int, line.split())) for line in child.stdout.split("\n") if line]
-    for peak, after in rows:
-        assert peak > 150  # the triangulation and its arrays
-        assert after < 0.1 * peak, rows
-    assert rows[2][1] <= rows[1][1] + 5, rows  # nothing accumulates
