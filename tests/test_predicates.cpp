@@ -367,15 +367,11 @@ protected:
 // A corner is SIC_CORNER only by pointer; a copy of it is on the sphere.
 TEST_F(SphereTest, InsideOnlyWhenStrictlyInsideThePositiveTetsSphere) {
   ASSERT_EQ(t.getOrientation3(&a, &b, &c, &d), ORIENTATION3_POSITIVE);
-  EXPECT_EQ(t.sphereInclusionTest(pTet, &in), SIC_INSIDE);
-  EXPECT_EQ(t.sphereInclusionTest(pTet, &out), SIC_OUTSIDE);
-  EXPECT_EQ(t.sphereInclusionTest(pTet, &on), SIC_OUTSIDE);  // cospherical: class 2
   Point3 centre(O + 0x1p49, O + 0x1p49, O + 0x1p49), far(-L, -L, -L), copyOfA(a);
-  EXPECT_EQ(t.sphereInclusionTest(pTet, &centre), SIC_INSIDE);
-  EXPECT_EQ(t.sphereInclusionTest(pTet, &far), SIC_OUTSIDE);
-  EXPECT_EQ(t.sphereInclusionTest(pTet, &a), SIC_CORNER);
-  EXPECT_EQ(t.sphereInclusionTest(pTet, &d), SIC_CORNER);
-  EXPECT_EQ(t.sphereInclusionTest(pTet, &copyOfA), SIC_OUTSIDE);
+  const std::pair<Point3*, SphereInclusion> vCases[] = {{&in, SIC_INSIDE}, {&out, SIC_OUTSIDE}, {&on, SIC_OUTSIDE},
+                                                        {&centre, SIC_INSIDE}, {&far, SIC_OUTSIDE}, {&a, SIC_CORNER},
+                                                        {&d, SIC_CORNER}, {&copyOfA, SIC_OUTSIDE}};
+  for (const auto& [p, want] : vCases) EXPECT_EQ(t.sphereInclusionTest(pTet, p), want) << *p;  // on: class 2, outside
 }
 
 // In the published order (b, a, c, d has a positive orient3d) the adaptive
@@ -407,15 +403,12 @@ TEST_F(SphereTest, AdaptiveStagesAnswerClassesNotSigns) {
 TEST(PlanarPredicates, PositiveWhenCounterclockwiseAndInsideTheCircle) {
   ExactTest t;
   double a[2] = {0, 0}, b[2] = {1, 0}, c[2] = {0, 1}, mid[2] = {0.5, 0.5}, on[2] = {1, 1}, far[2] = {5, 5};
-  EXPECT_GT(t.orient2d(a, b, c), 0.0);  // counterclockwise
-  EXPECT_LT(t.orient2d(b, a, c), 0.0);
-  EXPECT_EQ(t.orient2d(b, c, mid), 0.0);
-  EXPECT_GT(orient2dfast(a, b, c), 0.0);
-  EXPECT_GT(t.incircle(a, b, c, mid), 0.0);  // inside the ccw circle
-  EXPECT_LT(t.incircle(a, b, c, far), 0.0);
-  EXPECT_LT(t.incircle(b, a, c, mid), 0.0);  // clockwise order flips the sign
-  EXPECT_EQ(t.incircle(a, b, c, on), 0.0);
-  EXPECT_GT(incirclefast(a, b, c, mid), 0.0);
+  // a, b, c run counterclockwise; inside their circle is positive, and the clockwise order flips the sign.
+  const std::pair<double, int> vCases[] = {
+      {t.orient2d(a, b, c), 1},       {t.orient2d(b, a, c), -1},       {t.orient2d(b, c, mid), 0},
+      {orient2dfast(a, b, c), 1},     {t.incircle(a, b, c, mid), 1},   {t.incircle(a, b, c, far), -1},
+      {t.incircle(b, a, c, mid), -1}, {t.incircle(a, b, c, on), 0},    {incirclefast(a, b, c, mid), 1}};
+  for (size_t i = 0; i < 9; ++i) EXPECT_EQ(signOf(vCases[i].first), vCases[i].second) << "case " << i;
 }
 
 // An isosceles trapezoid is cocircular. Of the differences to d = (q, 1) of
