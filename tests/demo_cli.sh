@@ -34,10 +34,9 @@ bad() {
   { [ $rc = 2 ] && [ "$lines" = 1 ] && grep -q '^velm3d-demo: ' "$dir/err" && [ ! -s "$dir/out" ]; } ||
     check "$* -> exit $rc, $lines line(s): $(cat "$dir/err")"
 }
-printf '1 2 3\n4 5 nan\n' >"$dir/nan.xyz"
-printf '1 2 3 4\n' >"$dir/four.xyz"
-printf '1 2 3\n4 1e999 6\n' >"$dir/overflow.xyz"
-: >"$dir/empty.xyz"
+for f in 'nan:1 2 3\n4 5 nan\n' 'four:1 2 3 4\n' 'overflow:1 2 3\n4 1e999 6\n' 'empty:'; do
+  printf "${f#*:}" >"$dir/${f%%:*}.xyz"
+done
 # Each argument list below is split at blanks (the temporary paths have none).
 for args in --points "--points abc" "--points 0" "--grid 1000" "--seed 0" --frobnicate \
   "--grid 3 --points 10" "--grid 3 --seed 2" "--xyz $dir/missing.xyz" "--xyz $dir" "--xyz $dir/nan.xyz" \
