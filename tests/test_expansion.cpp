@@ -154,20 +154,11 @@ TEST(ExpansionSums, MatchRationalArithmeticOnRandomExpansions) {
 }
 
 TEST(ExpansionSums, CancellationLeavesZerosOrASingleZero) {
-  double e[2] = {0x1p-40, 3.0}, h[4];
+  double e[2] = {0x1p-40, 3.0}, f[2] = {-0x1p-40, -3.0}, h[4];
   // b cancels the small component: the plain grow keeps the zeros.
-  ASSERT_EQ(grow_expansion(2, e, -0x1p-40, h), 3);
-  EXPECT_EQ(h[0], 0.0);
-  EXPECT_EQ(h[1], 0.0);
-  EXPECT_EQ(h[2], 3.0);
-  ASSERT_EQ(grow_expansion_zeroelim(2, e, -0x1p-40, h), 1);
-  EXPECT_EQ(h[0], 3.0);
-  double f[2] = {-0x1p-40, -3.0};
-  ASSERT_EQ(fast_expansion_sum_zeroelim(2, e, 2, f, h), 1);
-  EXPECT_EQ(h[0], 0.0);
-  ExactTest t;
-  ASSERT_EQ(t.scale_expansion_zeroelim(2, e, 0.0, h), 1);
-  EXPECT_EQ(h[0], 0.0);
-  EXPECT_EQ(estimate(1, e + 1), 3.0);
-  EXPECT_EQ(estimate(2, e), 3.0 + 0x1p-40);
+  EXPECT_TRUE(grow_expansion(2, e, -0x1p-40, h) == 3 && h[0] == 0.0 && h[1] == 0.0 && h[2] == 3.0);
+  EXPECT_TRUE(grow_expansion_zeroelim(2, e, -0x1p-40, h) == 1 && h[0] == 3.0);
+  EXPECT_TRUE(fast_expansion_sum_zeroelim(2, e, 2, f, h) == 1 && h[0] == 0.0);
+  EXPECT_TRUE(ExactTest().scale_expansion_zeroelim(2, e, 0.0, h) == 1 && h[0] == 0.0);
+  EXPECT_TRUE(estimate(1, e + 1) == 3.0 && estimate(2, e) == 3.0 + 0x1p-40);
 }

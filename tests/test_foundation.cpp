@@ -60,11 +60,8 @@ bool firstMarginIsSmallOnlyOnce() {
 
 } // namespace
 
-// The library's fixed texts, exactly; the version is the one of the file
-// VERSION that the build reads.
-TEST(FixedTexts, MessagesBannersReportsAndVersion) {
-  std::string version = support::readFile(std::string(VELM3D_SOURCE_ROOT) + "/VERSION");
-  version.erase(version.find_last_not_of("\n") + 1);
+// The library's fixed texts, exactly.
+TEST(FixedTexts, MessagesBannersAndReports) {
   const std::string esc = "\033", stars38(38, '*'), stars36 = std::string(36, '*') + "\n", indent(16, ' ');
   const std::string redStars = esc + "[0;31m" + stars36 + esc + "[m";
   const struct { const char* name; std::function<void()> act; std::string text; } cases[] = {
@@ -77,12 +74,6 @@ TEST(FixedTexts, MessagesBannersReportsAndVersion) {
       {"fatBar highlighted on a blank screen", [] { fatBar("", true, true); },
        "\n\n" + std::string(108, '\n') + redStars + redStars + indent + "\n" + redStars + redStars +
            std::string(8, '\n')},
-      {"version",
-       [] {
-         std::cout << getVelm3DVersion() << " " << getMajorVersionNumber() << "." << getMinorVersionNumber() << "."
-                   << getRevisionNumber() << " " << isRelease();
-       },
-       "Velm3D, RELEASE, v" + version + " " + version + " 1"},
       {"repstr", [] { std::cout << repstr("aaa", "a", "aa"); }, "aaaaaa"},
       {"counters, listed by name",
        [] { for (const char* n : {"fooB", "fooB", "fooA", "GETCOUNTERS", "fooB", "GETCOUNTERS"}) benchCounter(n); },
@@ -90,7 +81,6 @@ TEST(FixedTexts, MessagesBannersReportsAndVersion) {
       {"pool of 51 blocks", [] { blockSizesAfter<int>(1, 1, 51); },
        "SimplePool::~SimplePool: Number of containers to release: 51\n"},
       {"pool of 50 blocks", [] { blockSizesAfter<int>(1, 1, 50); }, ""},
-      {"last reachable colour", [] { std::cout << Visualizer3::getColor(13); }, Visualizer3::CWHITE},
       {"colour past the reachable ones", [] { std::cout << Visualizer3::getColor(14); },
        "Attention, returning colorArray[13] which is the last available color\n" + Visualizer3::CWHITE},
   };
@@ -115,15 +105,14 @@ TEST(Console, AssertionReportPrintsConditionAndPositionThenThrows) {
 }
 
 TEST(Timers, StartStopRestartOverlapAndTheLastingNumberFormat) {
-  const std::ios_base::fmtflags flags = std::cout.flags();
-  const std::streamsize precision = std::cout.precision();
+  std::ios saved(nullptr);
+  saved.copyfmt(std::cout);
   std::vector<double> t;
   const std::string out = captured([&] {
     for (const char* name : {"tA", "tA", "tA", "tP", "tQ", "tP", "tQ"}) t.push_back(timer(name));
     std::cout << 2.0 << "|";
   });
-  std::cout.flags(flags);
-  std::cout.precision(precision);
+  std::cout.copyfmt(saved);
   EXPECT_TRUE(t[0] == -1.0 && t[1] >= 0.0 && t[2] == -1.0 && t[3] == -1.0 && t[4] == -1.0);
   EXPECT_TRUE(t[5] >= 0.0 && t[6] >= 0.0);
   const std::string start = "\n\\*\\*\\* Timer \\[t.\\] start\n";
@@ -141,7 +130,6 @@ TEST(Timers, StopWatchReportsZeroBytes) {
 }
 
 TEST(Pools, BlocksHalveOnceThenDoubleUpToTheByteLimit) {
-  EXPECT_EQ(blockSizesAfter<Tet3>(28, -1, 29), (std::vector<int>{28, 14}));
   EXPECT_EQ(blockSizesAfter<Tet3>(28, -1, 42), (std::vector<int>{28, 14}));
   EXPECT_EQ(blockSizesAfter<Tet3>(28, -1, 43), (std::vector<int>{28, 14, 28}));
   EXPECT_EQ(blockSizesAfter<Point3>(4, -1, 19), (std::vector<int>{4, 2, 4, 8, 16}));
@@ -153,19 +141,14 @@ TEST(Pools, BlocksHalveOnceThenDoubleUpToTheByteLimit) {
 }
 
 TEST(Pools, ResetHandsOutTheFirstBlockAgainAndSecondInitIsFatal) {
-  SimplePool<Point3> single, grown;
-  single.init(8, -1);
-  Point3* p0 = single.nextObject();
-  Point3* p1 = single.nextObject();
-  single.reset();
-  EXPECT_TRUE(single.nextObject() == p0 && single.nextObject() == p1);
+  SimplePool<Point3> grown;
   grown.init(4, -1);
   Point3* first = grown.nextObject();
-  for (int i = 0; i < 5; ++i) grown.nextObject();
-  grown.reset();
-  EXPECT_EQ(grown.getNumBlocks(), 1u);
-  EXPECT_EQ(grown.nextObject(), first);
+  Point3* second = grown.nextObject();
   for (int i = 0; i < 4; ++i) grown.nextObject();
+  grown.reset();
+  EXPECT_TRUE(grown.getNumBlocks() == 1u && grown.nextObject() == first && grown.nextObject() == second);
+  for (int i = 0; i < 3; ++i) grown.nextObject();
   // Doubling goes on from the last size; the live second block is the new one.
   EXPECT_EQ(grown.getBlockSizes(), (std::vector<int>{4, 2, 4}));
   EXPECT_EQ(grown.getBlockSize(1), 4);
@@ -181,7 +164,6 @@ TEST(Point3Records, DefaultsCopiesOrderAndBoxGrowth) {
   EXPECT_TRUE(copy.getOneTet() == nullptr && copy == v && !(v < copy) && !(copy < v));
   EXPECT_TRUE(Point3(1, 2, 3) < Point3(1, 2, 4) && Point3(1, 2, 4) < Point3(1, 3, 0) &&
               Point3(1, 3, 0) < Point3(2, 0, 0) && !(Point3(2, 0, 0) < Point3(1, 3, 0)));
-  EXPECT_TRUE(Point3(0.0, -0.0, 0.0) == Point3(-0.0, 0.0, -0.0));
   Bbox3 box;
   EXPECT_TRUE(!box.add(std::vector<Point3>()) && box.minX == 1.7976931348623157e308); // stays empty
   EXPECT_TRUE(box.add(std::vector<Point3>{Point3(0, 0, 0)}) && box.add(Point3(1, 1, 1)));
@@ -200,12 +182,10 @@ TEST(Point3Records, DefaultsCopiesOrderAndBoxGrowth) {
 TEST(VertexStore, WorkedKeys) {
   HC3 h(27), tall(27);
   setBox(h, Point3(0, 0, 0), Point3(1, 1, 1));
-  EXPECT_EQ(h.iReset(Point3(0, 0, 0)), 0u);
-  EXPECT_EQ(h.iReset(Point3(0.3, 0.6, 0.9)), 39683436u);
-  EXPECT_EQ(h.iReset(Point3(0.5, 0.5, 0.5)), 97733940u);
-  EXPECT_EQ(h.iReset(Point3(1, 1, 1)), 90543705u);
   setBox(tall, Point3(0, 0, 0), Point3(1, 4, 1));
-  EXPECT_EQ(tall.iReset(Point3(0.3, 3, 0.9)), 44390741u);
+  const std::tuple<HC3*, Point3, unsigned> vKeys[] = {{&h, Point3(0, 0, 0), 0u}, {&h, Point3(0.3, 0.6, 0.9), 39683436u},
+      {&h, Point3(0.5, 0.5, 0.5), 97733940u}, {&h, Point3(1, 1, 1), 90543705u}, {&tall, Point3(0.3, 3, 0.9), 44390741u}};
+  for (const auto& [pStore, p, key] : vKeys) EXPECT_EQ(pStore->iReset(p), key) << p;
   HC3 empty(27);
   Point3 q(0.5, 0.5, 0.5);
   EXPECT_TRUE(empty.getCloseTet(q) == nullptr && h.getCloseTet(q) == nullptr); // no vertex has a tetrahedron

@@ -23,15 +23,6 @@ typedef std::tuple<double, double, double> Coords;
 Coords coords(const Point3& p) { return Coords(p.x(), p.y(), p.z()); }
 Tet3* tag(size_t i) { return reinterpret_cast<Tet3*>(uintptr_t(i + 1) * 64); }
 
-// The store's order as the model sees it: key in the current frame, then
-// coordinates.
-void expectCurveOrder(HC3& h, const std::vector<Point3*>& v) {
-  for (size_t i = 1; i < v.size(); ++i) {
-    const unsigned a = h.iReset(*v[i - 1]), b = h.iReset(*v[i]);
-    ASSERT_TRUE(a < b || (a == b && *v[i - 1] < *v[i])) << "at " << i;
-  }
-}
-
 void runAgainstModel(unsigned numBits, unsigned seed) {
   HC3 h(numBits);
   std::mt19937 rng(seed);
@@ -97,7 +88,10 @@ void runAgainstModel(unsigned numBits, unsigned seed) {
     h.getVertices(vAll);
     ASSERT_EQ(vAll.size(), model.size());
     ASSERT_EQ(h.getNumStoredVtx(), model.size());
-    expectCurveOrder(h, vAll);
+    for (size_t i = 1; i < vAll.size(); ++i) { // the store's order: key in the current frame, then coordinates
+      const unsigned a = h.iReset(*vAll[i - 1]), b = h.iReset(*vAll[i]);
+      ASSERT_TRUE(a < b || (a == b && *vAll[i - 1] < *vAll[i])) << "at " << i;
+    }
     // The close-tetrahedron query: with every third vertex tagged, the first
     // tagged one from the query's key on, else the last one before it.
     for (size_t i = 0; i < vAll.size(); ++i) vAll[i]->setOneTet(i % 3 == 2 ? tag(i) : nullptr);

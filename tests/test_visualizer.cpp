@@ -144,8 +144,6 @@ TEST(ShapeRecords, NormalsVectorArithmeticBallAndBounds) {
   EXPECT_EQ(Vector3(1, 1e16, -1e16) * Vector3(1, 1, 1), 0.0); // z + (y + x): y absorbs x before z cancels it
   const Point3 p = Point3(1, 2, 3) + (Point3(5, 5, 5) - Point3(4, 4, 6));
   EXPECT_TRUE(p == Point3(2, 3, 2) && p.getCustomIndex() == -1 && p.getOneTet() == nullptr);
-  const Ball3 ball(1, 2, 3, 4.0);
-  EXPECT_TRUE(ball.getRadius() == 2.0 && ball.getSqRadius() == 4.0);
   Bounds bounds;
   Func_objBounds widen(bounds);
   widen(Point3(1, 2, 9));
