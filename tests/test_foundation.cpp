@@ -87,6 +87,12 @@ TEST(FixedTexts, MessagesBannersAndReports) {
   for (const auto& c : cases) EXPECT_EQ(captured(c.act), c.text) << c.name;
 }
 
+TEST(Console, GoToHellPrintsItsReasonAndARunningNumber) {
+  const std::string out = captured([] { goToHell("r"); });
+  EXPECT_TRUE(std::regex_match(out, std::regex("\n\x1b\\[0;31m      goToHell, ERROR:  reason: r\x1b\\[m\n\n[1-9][0-9]*\n")))
+      << out;
+}
+
 TEST(Console, GlobalPrefixCountsFromZeroInEachProcess) {
   EXPECT_IN_FRESH_PROCESS(globalPrefix() == "00000_" && globalPrefix() == "00001_");
 }
