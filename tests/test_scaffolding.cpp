@@ -269,6 +269,9 @@ TEST(Tet3Records, EdgeDirectionStreamFormCommonFacetAndFatalChecks) {
   const Edge3 e01(m.t1, 0, 1), e10(m.t1, 1, 0); // exchanging the two indices reverses the edge
   EXPECT_TRUE(e01.getSourceVtx() == m.t1->getCorner(2) && e01.getTargetVtx() == m.t1->getCorner(3) &&
               e10.getSourceVtx() == m.t1->getCorner(3) && e10.getTargetVtx() == m.t1->getCorner(2));
+  Point3 *c0, *c1, *c2, *c3;
+  m.t1->getCorners(c0, c1, c2, c3);
+  EXPECT_TRUE(c0 == m.t1->getCorner(0) && c1 == m.t1->getCorner(1) && c2 == m.t1->getCorner(2) && c3 == m.t1->getCorner(3));
   const std::string positive = toString(*m.t1);
   EXPECT_EQ(positive.rfind("Tetrahedron (ID=" + toString(m.t1->getLabel()) + "), (this=" +
                            toString(static_cast<const void*>(m.t1)) + "): hasBeenVisited=0, ownOri=", 0), 0u);
