@@ -369,7 +369,8 @@ TEST_F(SphereTest, InsideOnlyWhenStrictlyInsideThePositiveTetsSphere) {
   Point3 centre(O + 0x1p49, O + 0x1p49, O + 0x1p49), far(-L, -L, -L), copyOfA(a);
   const std::pair<Point3*, SphereInclusion> vCases[] = {{&in, SIC_INSIDE}, {&out, SIC_OUTSIDE}, {&on, SIC_OUTSIDE},
                                                         {&centre, SIC_INSIDE}, {&far, SIC_OUTSIDE}, {&a, SIC_CORNER},
-                                                        {&d, SIC_CORNER}, {&copyOfA, SIC_OUTSIDE}};
+                                                        {&b, SIC_CORNER}, {&c, SIC_CORNER}, {&d, SIC_CORNER},
+                                                        {&copyOfA, SIC_OUTSIDE}};
   for (const auto& [p, want] : vCases) EXPECT_EQ(t.sphereInclusionTest(pTet, p), want) << *p;  // on: class 2, outside
 }
 

@@ -287,6 +287,15 @@ TEST(Tet3Records, EdgeDirectionStreamFormCommonFacetAndFatalChecks) {
 // The edges of facet i run round it in the order opposite to the facet's own
 // corner order (that of facetIndices, positive seen from corner i).
 TEST(Tet3Records, FacetEdgesRunRoundTheFacet) {
+  Pair m(2, 2, 2);
+  for (int i = 0; i < 4; ++i) { // a facet's corners, with the opposite corner, are in positive order
+    const Facet3 f(m.t1, i);
+    const int k0 = f.getIntraTetIndex(0), k1 = f.getIntraTetIndex(1), k2 = f.getIntraTetIndex(2);
+    ASSERT_EQ((1 << k0) | (1 << k1) | (1 << k2) | (1 << i), 15) << i; // the three other corners
+    const Point3* c[3] = {m.t1->getCorner(f.getIntraTetIndex(0)), m.t1->getCorner(f.getIntraTetIndex(1)),
+                          m.t1->getCorner(f.getIntraTetIndex(2))};
+    EXPECT_GT(orient(*c[0], *c[1], *c[2], *m.t1->getCorner(i)), 0) << i;
+  }
   for (int i = 0; i < 4; ++i)
     for (int j = 0; j < 3; ++j) {
       const std::pair<int, int> e = Tet3::getEdgeIndices(i, j);
