@@ -292,11 +292,12 @@ inline bool allWithin(const double* v, int n, double low) {
   return ok;
 }
 
-// Whether p is floor-free: every coordinate 0 or of magnitude in
-// [2^-150, 2^199).
+// Whether the point x, y, z is floor-free: every coordinate 0 or of
+// magnitude in [2^-150, 2^199).
+inline bool inFloorFreeRange(const double* xyz) { return allWithin(xyz, 3, 0x1p-150); }
 inline bool inFloorFreeRange(const Point3& p) {
   const double c[3] = {p.x(), p.y(), p.z()};
-  return allWithin(c, 3, 0x1p-150);
+  return inFloorFreeRange(c);
 }
 
 // The coordinates of a, b, c, d, rows 0..3 of p: the orientation test's

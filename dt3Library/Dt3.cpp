@@ -109,8 +109,7 @@ void Dt3::insertRows(const double* pXyz, size_t numRows, std::vector<Point3*>& v
   vUserHandles.clear();
   // No row still takes in the vertices that earlier calls left waiting.
   if (numRows == 0 && !bVerticesWaiting) return;
-  // Each row as inFloorFreeRange reads a point.
-  for (size_t i = 0; i < numRows && bAllFloorFree; ++i) bAllFloorFree = kernels::allWithin(pXyz + 3 * i, 3, 0x1p-150);
+  for (size_t i = 0; i < numRows && bAllFloorFree; ++i) bAllFloorFree = kernels::inFloorFreeRange(pXyz + 3 * i);
   std::vector<Point3*> vNewVertices;
   hc3.addRows(pXyz, numRows, vUserHandles, vNewVertices);
 
