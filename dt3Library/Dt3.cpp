@@ -22,6 +22,7 @@
 #include <iostream>
 #include <set>
 #include <sstream>
+#include <thread>
 
 #include "BrixTest3Inline.h"
 #include "Surface3.h"
@@ -41,7 +42,7 @@ const int nextFacetIndex[4] = {1, 2, 3, 0};
 
 Dt3::Dt3(Velm_3D* pInterface_)
     : numStoredTCS(0), bFullDimensional(false), hc3(27), pInterface(pInterface_), bVerbose(false),
-      pProgress(nullptr), pProgressUser(nullptr), bAllFloorFree(true), bVerticesWaiting(false) {
+      pProgress(nullptr), pProgressUser(nullptr), bAllFloorFree(true), bVerticesWaiting(false), numThreads(1) {
   vTcsTable.assign(1024, nullptr);
   poolTwoTet.init(1024, 512);
   poolTet.init(28, -1);
@@ -291,6 +292,11 @@ void Dt3::triangulateList(std::vector<Point3*>& vVertices, Tet3* pLastTet, bool 
       }
     }
   }
+}
+
+void Dt3::setNumThreads(int n) {
+  VELM_ASSERT(n>=0);
+  numThreads = n > 0 ? n : std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
 }
 
 void Dt3::debug_triangulateInOrder(std::vector<Point3*>& vVertices, Tet3* pLastTet) {

@@ -140,6 +140,9 @@ public:
     pProgress = f;
     pProgressUser = pUser;
   }
+  // Threads of the bulk insertion (see Velm_3D::setNumThreads).
+  void setNumThreads(int n);
+  int getNumThreads() const { return numThreads; }
   void debug_triangulateInOrder(std::vector<Point3*>& vVertices, Tet3* pLastTet);
   Tet3* locate(Point3 p);
   // A live tetrahedron whose closed set holds p (a point on a facet, an
@@ -275,6 +278,8 @@ private:
   // first tetrahedron, left out by insert or insertVector, or not reached
   // after a stop); insertRows then takes them all in.
   bool bVerticesWaiting;
+  // Threads of a bulk insertion, 1 or more.
+  int numThreads;
 };
 
 // The registry's two hot operations, inlined into the insertion.

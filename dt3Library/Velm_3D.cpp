@@ -62,6 +62,9 @@ void Velm_3D::insertRows(const double* pXyz, size_t numRows, std::vector<Point3*
 }
 void Velm_3D::setProgressCallback(Dt3::ProgressCallback f, void* pUser) { pDt3->setProgressCallback(f, pUser); }
 
+void Velm_3D::setNumThreads(int n) { pDt3->setNumThreads(n); }
+int Velm_3D::getNumThreads() const { return pDt3->getNumThreads(); }
+
 void Velm_3D::getVertices(std::vector<Point3*>& vVtx) const { pDt3->getVertexPointers(vVtx); }
 void Velm_3D::getTetrahedra(std::vector<Tet3*>& vTet) const { pDt3->getAllTetrahedra(vTet); }
 void Velm_3D::getTetsAroundVertex(Point3* pVtx, std::vector<Tet3*>& vTet) {

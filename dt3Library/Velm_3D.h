@@ -59,6 +59,12 @@ public:
   void insertRows(const double* pXyz, size_t numRows, std::vector<Point3*>& vUserHandles);
   // Progress and interruption of a bulk insertion (see Dt3::ProgressCallback).
   void setProgressCallback(Dt3::ProgressCallback f, void* pUser);
+  // The number of threads of the bulk insertions insert(vector) and
+  // insertRows: n >= 1, or 0 for every hardware thread. The default 1 runs
+  // on the caller's thread alone. A negative n is an assertion report and
+  // changes nothing.
+  void setNumThreads(int n);
+  int getNumThreads() const;
 
   void getVertices(std::vector<Point3*>& vVtx) const;
   void getTetrahedra(std::vector<Tet3*>& vTet) const;
