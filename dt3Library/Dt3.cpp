@@ -41,10 +41,8 @@ const int nextFacetIndex[4] = {1, 2, 3, 0};
 // Life cycle.
 
 Dt3::Dt3(Velm_3D* pInterface_)
-    : numStoredTCS(0), bFullDimensional(false), hc3(27), pInterface(pInterface_), bVerbose(false),
-      pProgress(nullptr), pProgressUser(nullptr), bAllFloorFree(true), bVerticesWaiting(false), numThreads(1) {
-  vTcsTable.assign(1024, nullptr);
-  poolTwoTet.init(1024, 512);
+    : bFullDimensional(false), hc3(27), pInterface(pInterface_), bVerbose(false),
+      pProgress(nullptr), pProgressUser(nullptr), bAllFloorFree(true), bVerticesWaiting(false), numThreads(1), nextLabel(0), labelEnd(0) {
   poolTet.init(28, -1);
   vDoomed.reserve(512);
   vDoomedPrev.reserve(512);
@@ -506,9 +504,9 @@ inline void Dt3::glueNewTet(Tet3* pNewTet, Tet3* pOppTet, int j) {
 
 Tet3* Dt3::insertVertex(Point3*& pVtx, Tet3* pCurTet) {
   VELM_ASSERT(!pCurTet->hasBeenVisited);
-  VELM_ASSERT(numStoredTCS==0);
-  VELM_ASSERT(vHashCollisions.empty());
-  poolTwoTet.reset();
+  VELM_ASSERT(registry.getNumOpen()==0);
+  VELM_ASSERT(registry.isOverflowEmpty());
+  registry.startInsertion();
 
   const int locateResult = locateConflictTet(pVtx, pCurTet);
   if (locateResult == locateOnVertex) return duplicateInsertCheck(pVtx, pCurTet, locateResult);
@@ -543,20 +541,17 @@ Tet3* Dt3::insertVertex(Point3*& pVtx, Tet3* pCurTet) {
     }
   }
   tcsFinalPass();
-  if (numStoredTCS != 0) {
-    std::cout << "numStoredTCS after insertVertex: " << numStoredTCS << std::endl;
-    VELM_ASSERT(numStoredTCS==0);
+  if (registry.getNumOpen() != 0) {
+    std::cout << "numStoredTCS after insertVertex: " << registry.getNumOpen() << std::endl;
+    VELM_ASSERT(registry.getNumOpen()==0);
   }
   return pNewTet;
 }
 
 // ---------------------------------------------------------------------------
-// Facet registry. All inner facets of one insertion contain the new vertex,
-// so an inner facet is named by its two other vertices. The first
-// tetrahedron with a pair leaves an open entry, the second closes it and the
-// two are linked at once. 1024 buckets of one entry plus a flat overflow list.
+// Facet registry: the rare paths (the hot one is FacetRegistry::offer).
 
-void Dt3::reportSelfLink(Tet3* fromTet, Tet3* toTet) {
+void reportSelfLink(Tet3* fromTet, Tet3* toTet) {
   std::cout << "register tets has been called with fromTet==toTet==" << static_cast<void*>(fromTet) << std::endl;
   std::cout << *fromTet << std::endl;
   VELM_ASSERT(fromTet!=toTet);
@@ -564,41 +559,40 @@ void Dt3::reportSelfLink(Tet3* fromTet, Tet3* toTet) {
 
 // Looks for the partner in the overflow list, passing over entries of this
 // same tetrahedron; else appends.
-void Dt3::tcsOverflow(Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh) {
-  for (auto it = vHashCollisions.begin(); it != vHashCollisions.end(); ++it) {
+void FacetRegistry::overflow(Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh) {
+  for (auto it = vOverflow.begin(); it != vOverflow.end(); ++it) {
     TwoTetStruct* pEntry = *it;
     if (pEntry->pVtxLow == pVtxLow && pEntry->pVtxHigh == pVtxHigh && pEntry->pTet != pTet) {
-      registerTets(pEntry->pTet, pEntry->ith, pTet, ith);
-      vHashCollisions.erase(it);
-      --numStoredTCS;
+      link(pEntry->pTet, pEntry->ith, pTet, ith);
+      vOverflow.erase(it);
+      --numOpen;
       return;
     }
   }
-  TwoTetStruct* pEntry = poolTwoTet.nextObject();
+  TwoTetStruct* pEntry = pool.nextObject();
   *pEntry = TwoTetStruct{pVtxLow, pVtxHigh, pTet, ith};
-  vHashCollisions.push_back(pEntry);
-  ++numStoredTCS;
+  vOverflow.push_back(pEntry);
+  ++numOpen;
 }
 
 // A pair whose first half went to the overflow list while another pair held
 // its bucket can find its second half in that bucket later; offering the
 // list again from its back closes such pairs.
-void Dt3::tcsFinalPass() {
-  const long n = static_cast<long>(vHashCollisions.size());
+void FacetRegistry::finalPass() {
+  const long n = static_cast<long>(vOverflow.size());
   for (long i = n - 1; i >= 0; --i) {
-    TwoTetStruct* pEntry = vHashCollisions[i];
-    tcsTreatment(tcsHash(pEntry->pVtxLow, pEntry->pVtxHigh), pEntry->pTet, pEntry->ith,
-                 pEntry->pVtxLow, pEntry->pVtxHigh);
-    --numStoredTCS;
+    TwoTetStruct* pEntry = vOverflow[i];
+    offer(hash(pEntry->pVtxLow, pEntry->pVtxHigh), pEntry->pTet, pEntry->ith, pEntry->pVtxLow, pEntry->pVtxHigh);
+    --numOpen;
   }
-  vHashCollisions.clear();
+  vOverflow.clear();
 }
 
-void Dt3::tcsReset() {
-  std::fill(vTcsTable.begin(), vTcsTable.end(), nullptr);
-  vHashCollisions.clear();
-  poolTwoTet.reset();
-  numStoredTCS = 0;
+void FacetRegistry::clear() {
+  std::fill(vTable.begin(), vTable.end(), nullptr);
+  vOverflow.clear();
+  pool.reset();
+  numOpen = 0;
 }
 
 // ---------------------------------------------------------------------------
@@ -610,7 +604,7 @@ void Dt3::tcsReset() {
 Tet3* Dt3::ch_insertVertex(Point3*& pVtx, Tet3* pCurTet, int opp3ICI) {
   VELM_ASSERT(pCurTet!=NULL);
   VELM_ASSERT(opp3ICI>-1);
-  VELM_ASSERT(numStoredTCS==0);
+  VELM_ASSERT(registry.getNumOpen()==0);
   swapDoomedVectors();
   std::vector<Tet3*> vVisibleTets, vStayTets, vDoomedTets;
   ch_getVisibleTets(pVtx, pCurTet, opp3ICI, vVisibleTets);

@@ -80,6 +80,73 @@ struct TwoTetStruct {
   int ith;
 };
 
+// registerTets asked to link a tetrahedron to itself: the report.
+void reportSelfLink(Tet3* fromTet, Tet3* toTet);
+
+// The facet registry of one insertion at work. All inner facets of one
+// insertion contain the new vertex, so an inner facet is named by its two
+// other vertices. The first tetrahedron with a pair leaves an open entry, the
+// second closes it and the two are linked at once. 1024 buckets of one entry
+// plus a flat overflow list. Each thread of a threaded insertion has its own.
+class FacetRegistry {
+public:
+  FacetRegistry() : vTable(1024, nullptr), numOpen(0) { pool.init(1024, 512); }
+  FacetRegistry(const FacetRegistry&) = delete;
+  FacetRegistry& operator=(const FacetRegistry&) = delete;
+
+  static unsigned long hash(const Point3* pLow, const Point3* pHigh) {
+    const unsigned long a = reinterpret_cast<unsigned long>(pLow);
+    const unsigned long b = reinterpret_cast<unsigned long>(pHigh);
+    return ((a >> 5) & 31) | (b & 0x3E0);
+  }
+  // Links two tetrahedra across a facet, both ways.
+  static void link(Tet3* fromTet, int ith, Tet3* toTet, int jth) {
+    VELM_ASSERT(range03(ith));
+    VELM_ASSERT(range03(jth));
+    VELM_ASSERT(toTet!=NULL);
+    if (fromTet == toTet) reportSelfLink(fromTet, toTet);
+    toTet->setOppTet(jth, fromTet);
+    fromTet->setOppTet(ith, toTet);
+  }
+  // Offers facet ith of pTet, named by its pair (lower address first) and
+  // hashed by hash(); the hot path of the insertion, inlined into it.
+  void offer(unsigned long h, Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh) {
+    TwoTetStruct*& pBucket = vTable[h];
+    if (pBucket == nullptr) {
+      pBucket = pool.nextObject();
+      *pBucket = TwoTetStruct{pVtxLow, pVtxHigh, pTet, ith};
+      ++numOpen;
+      return;
+    }
+    if (pBucket->pVtxLow == pVtxLow && pBucket->pVtxHigh == pVtxHigh) {
+      // The entry's own tetrahedron is not compared here.
+      --numOpen;
+      link(pBucket->pTet, pBucket->ith, pTet, ith);
+      pBucket = nullptr;
+      return;
+    }
+    overflow(pTet, ith, pVtxLow, pVtxHigh);
+  }
+  // Offers the overflow list again, from its back, and empties it.
+  void finalPass();
+  // Forgets every open entry (the new hull facets of a hull insertion).
+  void clear();
+  // The entries' memory is reused from the start of each insertion.
+  void startInsertion() { pool.reset(); }
+  int getNumOpen() const { return numOpen; }
+  bool isOverflowEmpty() const { return vOverflow.empty(); }
+
+private:
+  static bool range03(int i) { return i >= 0 && i <= 3; }
+  // The bucket holds another pair: the overflow list.
+  void overflow(Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh);
+
+  BRIX_TOOLS::SimplePool<TwoTetStruct> pool;
+  std::vector<TwoTetStruct*> vTable;
+  std::vector<TwoTetStruct*> vOverflow;
+  int numOpen;
+};
+
 void getLevelsRec(std::vector<Point3*>& vVertices, unsigned long first, unsigned long last,
                   int level, int maxLevel, std::vector<std::vector<Point3*>>& vvLevels);
 
@@ -108,9 +175,19 @@ public:
     } else {
       ret = newTetFromPool();
     }
-    ret->setProperties(a, b, c, d);
+    ret->setProperties(a, b, c, d, takeLabel());
     return ret;
   }
+  // The next label of this triangulation's block, a new block when it is
+  // used up.
+  int takeLabel() {
+    if (nextLabel == labelEnd) {
+      nextLabel = Tet3::takeLabelBlock(labelBlockSize);
+      labelEnd = nextLabel + labelBlockSize;
+    }
+    return nextLabel++;
+  }
+  static constexpr int labelBlockSize = 4096;
   Tet3* createTet(Tet3* pTet, int ith, Point3* pVtx) {
     const int* fi = Tet3::facetIndices[(ith >= 0 && ith < 3) ? ith : 3];
     return createTet(pVtx, pTet->getCorner(fi[0]), pTet->getCorner(fi[1]), pTet->getCorner(fi[2]));
@@ -172,20 +249,18 @@ public:
   Tet3* insertVertex(Point3*& pVtx, Tet3* pCurTet);
   Tet3* duplicateInsertCheck(Point3*& pVtx, Tet3* pCurTet, int locateResult);
 
-  // Facet registry. tcsTreatment offers one inner facet of the insertion at
-  // work (named by its pair of other vertices, lower address first, and
-  // hashed by tcsHash); registerTets links two tetrahedra across a facet.
-  // Both are the hot path of the insertion and are inlined into it.
-  inline void tcsTreatment(unsigned long hash, Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh);
-  inline void registerTets(Tet3* fromTet, int ith, Tet3* toTet, int jth);
-  // Offers the overflow list again, from its back, and empties it.
-  void tcsFinalPass();
-  void tcsReset();
-  static unsigned long tcsHash(const Point3* pLow, const Point3* pHigh) {
-    const unsigned long a = reinterpret_cast<unsigned long>(pLow);
-    const unsigned long b = reinterpret_cast<unsigned long>(pHigh);
-    return ((a >> 5) & 31) | (b & 0x3E0);
+  // Facet registry (see FacetRegistry). tcsTreatment offers one inner facet
+  // of the insertion at work (named by its pair of other vertices, lower
+  // address first, and hashed by tcsHash); registerTets links two tetrahedra
+  // across a facet. Both are the hot path of the insertion.
+  void tcsTreatment(unsigned long hash, Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh) {
+    registry.offer(hash, pTet, ith, pVtxLow, pVtxHigh);
   }
+  static void registerTets(Tet3* fromTet, int ith, Tet3* toTet, int jth) { FacetRegistry::link(fromTet, ith, toTet, jth); }
+  // Offers the overflow list again, from its back, and empties it.
+  void tcsFinalPass() { registry.finalPass(); }
+  void tcsReset() { registry.clear(); }
+  static unsigned long tcsHash(const Point3* pLow, const Point3* pHigh) { return FacetRegistry::hash(pLow, pHigh); }
 
   // Hull insertion.
   Tet3* ch_insertVertex(Point3*& pVtx, Tet3* pCurTet, int opp3ICI);
@@ -245,19 +320,10 @@ private:
   // one, and offers the three inner facets (each named by its pair of other
   // corners) to the registry.
   inline void glueNewTet(Tet3* pNewTet, Tet3* pOppTet, int j);
-  // The bucket of tcsTreatment holds another pair: the overflow list.
-  void tcsOverflow(Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh);
-  static bool range03(int i) { return i >= 0 && i <= 3; }
-  // registerTets asked to link a tetrahedron to itself: the report.
-  void reportSelfLink(Tet3* fromTet, Tet3* toTet);
-
-  BRIX_TOOLS::SimplePool<TwoTetStruct> poolTwoTet;
+  FacetRegistry registry;
   BRIX_TOOLS::SimplePool<Tet3> poolTet;
   std::vector<Tet3*> vDoomed;
   std::vector<Tet3*> vDoomedPrev;
-  std::vector<TwoTetStruct*> vTcsTable;
-  std::vector<TwoTetStruct*> vHashCollisions;
-  int numStoredTCS;
   ExactTest predicates;
   bool bFullDimensional;
   HC3 hc3;
@@ -280,35 +346,10 @@ private:
   bool bVerticesWaiting;
   // Threads of a bulk insertion, 1 or more.
   int numThreads;
+  // The labels [nextLabel, labelEnd) are this triangulation's to give.
+  int nextLabel;
+  int labelEnd;
 };
-
-// The registry's two hot operations, inlined into the insertion.
-inline void Dt3::registerTets(Tet3* fromTet, int ith, Tet3* toTet, int jth) {
-  VELM_ASSERT(range03(ith));
-  VELM_ASSERT(range03(jth));
-  VELM_ASSERT(toTet!=NULL);
-  if (fromTet == toTet) reportSelfLink(fromTet, toTet);
-  toTet->setOppTet(jth, fromTet);
-  fromTet->setOppTet(ith, toTet);
-}
-
-inline void Dt3::tcsTreatment(unsigned long hash, Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh) {
-  TwoTetStruct*& pBucket = vTcsTable[hash];
-  if (pBucket == nullptr) {
-    pBucket = poolTwoTet.nextObject();
-    *pBucket = TwoTetStruct{pVtxLow, pVtxHigh, pTet, ith};
-    ++numStoredTCS;
-    return;
-  }
-  if (pBucket->pVtxLow == pVtxLow && pBucket->pVtxHigh == pVtxHigh) {
-    // The entry's own tetrahedron is not compared here.
-    --numStoredTCS;
-    registerTets(pBucket->pTet, pBucket->ith, pTet, ith);
-    pBucket = nullptr;
-    return;
-  }
-  tcsOverflow(pTet, ith, pVtxLow, pVtxHigh);
-}
 
 // Free debug output of tetrahedron lists.
 void showTets(const std::string& filename, std::vector<Tet3*>& vTets);

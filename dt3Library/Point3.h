@@ -53,6 +53,11 @@ public:
   void setOneTet(Tet3* pTet) { pOneTet = pTet; }
   int getCustomIndex() const { return customIndex; }
   void setCustomIndex(int ci) { customIndex = ci; }
+  // The vertex's position in the store's curve order, as a threaded
+  // insertion numbered it last; it tells which thread may change the
+  // tetrahedra at the vertex. Meaningless otherwise.
+  unsigned int getCurveRank() const { return curveRank; }
+  void setCurveRank(unsigned int r) { curveRank = r; }
 
   // Lexicographic by x, y, z using only ">", so that a NaN coordinate falls
   // through to the next one instead of deciding.
@@ -74,6 +79,7 @@ private:
   double x_, y_, z_;
   Tet3* pOneTet;
   int customIndex;
+  unsigned int curveRank = 0; // fills the record's padding
 };
 
 std::ostream& operator<<(std::ostream& stream, const Point3& p);

@@ -11,7 +11,7 @@
 
 namespace VELM3D {
 
-int Tet3::runningLabel = 1000;
+std::atomic<int> Tet3::runningLabel{1000};
 
 const int Tet3::facetIndices[4][3] = {{1, 2, 3}, {0, 3, 2}, {0, 1, 3}, {0, 2, 1}};
 

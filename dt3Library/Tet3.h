@@ -17,11 +17,16 @@
 //
 // Records come from raw pool memory and are filled by setProperties; they are
 // never constructed in the usual way and never destroyed singly. Each
-// setProperties takes a new label from the process-wide runningLabel (from
-// 1000 on) and makes the tetrahedron the incident one of its four corners.
+// setProperties gives the record a new label (from 1000 on) and makes the
+// tetrahedron the incident one of its four corners. Labels come from the
+// process-wide runningLabel, which a triangulation draws from in blocks
+// (takeLabelBlock), so that each label is unique per life of a tetrahedron
+// also when triangulations run in several threads, and increasing within
+// one thread's block.
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <iosfwd>
 #include <utility>
 #include <vector>
@@ -39,8 +44,10 @@ public:
   Tet3(const Tet3&);
   ~Tet3() {}
 
-  void setProperties(Point3* a, Point3* b, Point3* c, Point3* d) {
-    label = runningLabel++;
+  // With the next label of runningLabel itself.
+  void setProperties(Point3* a, Point3* b, Point3* c, Point3* d) { setProperties(a, b, c, d, runningLabel++); }
+  void setProperties(Point3* a, Point3* b, Point3* c, Point3* d, int label_) {
+    label = label_;
     aCorners[0] = a;
     aCorners[1] = b;
     aCorners[2] = c;
@@ -106,7 +113,9 @@ public:
   Edge3 getEdge(int opp3, int opp2);
   Facet3 getFacet(int i);
 
-  static int runningLabel;
+  static std::atomic<int> runningLabel;
+  // The first of numLabels fresh labels, for a triangulation to hand out.
+  static int takeLabelBlock(int numLabels) { return runningLabel.fetch_add(numLabels, std::memory_order_relaxed); }
   static const int facetIndices[4][3];
 
   bool hasBeenVisited;

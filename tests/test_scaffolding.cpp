@@ -206,7 +206,7 @@ bool showWritesFacesThenCornersThenTheMarkAndLabelsRiseFrom1000() {
   const bool bOk = support::readFile("plain.list") == support::readFile("0.list") &&
                    support::readFile("marked.list") == support::readFile("1.list");
   fs::remove_all(fs::current_path()); // the child's own directory
-  return bOk && t->getLabel() == 1000 && Mesh({0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1}).v[0]->getOneTet()->getLabel() == 1001;
+  return bOk && t->getLabel() == 1000 && Mesh({0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1}).v[0]->getOneTet()->getLabel() > 1000; // the next triangulation draws a block of its own
 }
 
 } // namespace
