@@ -26,6 +26,7 @@
 
 #include "BrixTest3Inline.h"
 #include "Surface3.h"
+#include "ThreadedInsertion.h"
 #include "Visualizer3.h"
 
 namespace VELM3D {
@@ -276,8 +277,23 @@ void Dt3::triangulateList(std::vector<Point3*>& vVertices, Tet3* pLastTet, bool 
     return true;
   };
   Tet3* pCur = pLastTet;
-  for (int k = 0; k <= numLevels; ++k) {
+  std::vector<Point3*> vCurve; // ranked once the first level goes to threads
+  unsigned long numBefore = 0;  // the points of the levels before
+  for (int k = 0; k <= numLevels; numBefore += vLevelSizes[k++]) {
     std::vector<Point3*>& vLevel = vvLevels[k];
+    if (numThreads > 1 && numBefore >= minMeshForThreads * static_cast<unsigned long>(numThreads) &&
+        vLevel.size() >= minLevelForThreads * static_cast<unsigned long>(numThreads)) {
+      if (vCurve.empty()) {
+        hc3.getVertices(vCurve);
+        for (size_t i = 0; i < vCurve.size(); ++i) vCurve[i]->setCurveRank(static_cast<unsigned int>(i));
+      }
+      pCur = triangulateLevelThreaded(vLevel, vCurve, numDone, n);
+      if (pCur == nullptr) {
+        bVerticesWaiting = true;
+        return;
+      }
+      continue;
+    }
     if (k % 2 == 0) {
       for (size_t i = vLevel.size(); i-- > 0;) {
         pCur = insertVertex(vLevel[i], pCur);
@@ -480,27 +496,7 @@ inline Tet3* Dt3::newTetOnFacet(Tet3* pCavTet, int ith, Point3* pVtx, Tet3* pOpp
   return pNewTet;
 }
 
-inline void Dt3::glueNewTet(Tet3* pNewTet, Tet3* pOppTet, int j) {
-  if (pOppTet != nullptr) registerTets(pNewTet, 0, pOppTet, j);
-  Point3* p[3] = {pNewTet->getCorner(1), pNewTet->getCorner(2), pNewTet->getCorner(3)};
-  int idx[3] = {1, 2, 3};
-  // Three-element sort by address, keeping each corner's index.
-  if (p[1] < p[0]) {
-    std::swap(p[0], p[1]);
-    std::swap(idx[0], idx[1]);
-  }
-  if (p[2] < p[1]) {
-    std::swap(p[1], p[2]);
-    std::swap(idx[1], idx[2]);
-    if (p[1] < p[0]) {
-      std::swap(p[0], p[1]);
-      std::swap(idx[0], idx[1]);
-    }
-  }
-  tcsTreatment(tcsHash(p[1], p[2]), pNewTet, idx[0], p[1], p[2]);
-  tcsTreatment(tcsHash(p[0], p[2]), pNewTet, idx[1], p[0], p[2]);
-  tcsTreatment(tcsHash(p[0], p[1]), pNewTet, idx[2], p[0], p[1]);
-}
+inline void Dt3::glueNewTet(Tet3* pNewTet, Tet3* pOppTet, int j) { registry.glue(pNewTet, pOppTet, j); }
 
 Tet3* Dt3::insertVertex(Point3*& pVtx, Tet3* pCurTet) {
   VELM_ASSERT(!pCurTet->hasBeenVisited);
@@ -772,7 +768,9 @@ void Dt3::collectTets(std::vector<Tet3*>& vTet) const {
     }
   }
   if (pSeed == nullptr) return;
-  BRIX_TOOLS::PoolRecordSet<Tet3> sSeen(poolTet);
+  std::vector<const BRIX_TOOLS::SimplePool<Tet3>*> vPools{&poolTet};
+  for (const auto& pThread : vThreads) vPools.push_back(&pThread->getPool());
+  BRIX_TOOLS::PoolRecordSet<Tet3> sSeen(vPools);
   std::vector<Tet3*> vWork;
   vWork.push_back(pSeed);
   sSeen.insert(pSeed);

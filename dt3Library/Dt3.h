@@ -25,7 +25,9 @@
 // makes them available to createTet, last retired first reused.
 #pragma once
 
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "BrixTest3.h"
@@ -38,6 +40,7 @@ namespace VELM3D {
 
 class Velm_3D;
 class Surface3;
+class InsertionThread;
 
 // What the walk of locateConflictTet answers besides a hull facet index 0..3.
 constexpr int locateInConflict = -1; // strictly inside pStartTet, in conflict with it
@@ -127,6 +130,30 @@ public:
     }
     overflow(pTet, ith, pVtxLow, pVtxHigh);
   }
+  // Links facet 0 of a new tetrahedron (corner 0 the new vertex) to facet j
+  // of pOppTet when there is one, and offers its three inner facets, each
+  // named by its pair of other corners.
+  void glue(Tet3* pNewTet, Tet3* pOppTet, int j) {
+    if (pOppTet != nullptr) link(pNewTet, 0, pOppTet, j);
+    Point3* p[3] = {pNewTet->getCorner(1), pNewTet->getCorner(2), pNewTet->getCorner(3)};
+    int idx[3] = {1, 2, 3};
+    // Three-element sort by address, keeping each corner's index.
+    if (p[1] < p[0]) {
+      std::swap(p[0], p[1]);
+      std::swap(idx[0], idx[1]);
+    }
+    if (p[2] < p[1]) {
+      std::swap(p[1], p[2]);
+      std::swap(idx[1], idx[2]);
+      if (p[1] < p[0]) {
+        std::swap(p[0], p[1]);
+        std::swap(idx[0], idx[1]);
+      }
+    }
+    offer(hash(p[1], p[2]), pNewTet, idx[0], p[1], p[2]);
+    offer(hash(p[0], p[2]), pNewTet, idx[1], p[0], p[2]);
+    offer(hash(p[0], p[1]), pNewTet, idx[2], p[0], p[1]);
+  }
   // Offers the overflow list again, from its back, and empties it.
   void finalPass();
   // Forgets every open entry (the new hull facets of a hull insertion).
@@ -213,6 +240,11 @@ public:
   // default) reports nothing.
   typedef bool (*ProgressCallback)(void* pUser, unsigned long numDone, unsigned long numTotal);
   static constexpr unsigned long numInsertionsPerReport = 4096;
+  // A level of a bulk insertion goes to the threads once the mesh has
+  // minMeshForThreads vertices per thread and the level minLevelForThreads
+  // points per thread; the smaller levels before run on one thread.
+  static constexpr unsigned long minMeshForThreads = 4096;
+  static constexpr unsigned long minLevelForThreads = 1024;
   void setProgressCallback(ProgressCallback f, void* pUser) {
     pProgress = f;
     pProgressUser = pUser;
@@ -297,6 +329,13 @@ private:
   // Every live tetrahedron, by a walk from the first stored vertex that has
   // one, appended in ascending address order; nothing when there is none.
   void collectTets(std::vector<Tet3*>& vTet) const;
+  // One level of triangulateList on numThreads threads (ThreadedInsertion.cpp):
+  // rounds of threads on owned curve ranges, then one thread for the rest.
+  // vCurve is the store's curve order, ranked. numDone counts insertions
+  // for the progress report. Returns a live tetrahedron, or null when the
+  // progress callback stopped the work.
+  Tet3* triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vector<Point3*>& vCurve,
+                                 unsigned long& numDone, unsigned long numTotal);
   // triangulate; with bConsume, vVertices is released once split into levels.
   void triangulateList(std::vector<Point3*>& vVertices, Tet3* pLastTet, bool bConsume);
   // Takes a fresh record from the pool (when no retired one is waiting).
@@ -346,6 +385,8 @@ private:
   bool bVerticesWaiting;
   // Threads of a bulk insertion, 1 or more.
   int numThreads;
+  // The threads' own records and registries, kept for later insertions.
+  std::vector<std::unique_ptr<InsertionThread>> vThreads;
   // The labels [nextLabel, labelEnd) are this triangulation's to give.
   int nextLabel;
   int labelEnd;

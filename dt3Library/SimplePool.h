@@ -143,15 +143,19 @@ private:
   int maxBlockSize;
 };
 
-// A set of records of one pool, for walks that must visit each record once:
+// A set of records of one pool or several, for walks that must visit each record once:
 // one bit per record, the blocks in address order, so that reading the set
 // back gives ascending addresses without a sort. A record from anywhere else
 // (not expected) goes to a plain hash set.
 template <class T> class PoolRecordSet {
 public:
-  explicit PoolRecordSet(const SimplePool<T>& pool) {
-    const std::vector<T*>& vStarts = pool.getBlocks();
-    for (size_t i = 0; i < vStarts.size(); ++i) vBlocks.push_back({vStarts[i], pool.getBlockSize(i), 0});
+  explicit PoolRecordSet(const SimplePool<T>& pool) : PoolRecordSet(std::vector<const SimplePool<T>*>{&pool}) {}
+  // The records of several pools.
+  explicit PoolRecordSet(const std::vector<const SimplePool<T>*>& vPools) {
+    for (const SimplePool<T>* pPool : vPools) {
+      const std::vector<T*>& vStarts = pPool->getBlocks();
+      for (size_t i = 0; i < vStarts.size(); ++i) vBlocks.push_back({vStarts[i], pPool->getBlockSize(i), 0});
+    }
     std::sort(vBlocks.begin(), vBlocks.end(), [](const Block& a, const Block& b) { return a.pStart < b.pStart; });
     size_t numRecords = 0;
     for (Block& block : vBlocks) {

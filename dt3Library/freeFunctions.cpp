@@ -58,6 +58,7 @@ thread_local std::string lastAssertionReport;
 } // namespace
 
 const std::string& VelmException::lastReport() { return lastAssertionReport; }
+void VelmException::carryReport(const std::string& report) { lastAssertionReport = report; }
 
 void velmAssertionFailed(const char* expression, const char* file, int line) {
   lastAssertionReport = std::string("Condition [ ") + expression + " failed ] at " + file + ":" + std::to_string(line);

@@ -27,6 +27,9 @@ public:
   // colour: "Condition [ <condition> failed ] at <file>:<line>"; empty when
   // the thread has made none.
   static const std::string& lastReport();
+  // Makes report the calling thread's last report: a threaded insertion
+  // hands a failed thread's report to the caller's thread with the exception.
+  static void carryReport(const std::string& report);
 };
 
 std::string redString(const std::string& s, int mode = 0);
