@@ -8,7 +8,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <iostream>
+#include <cstdlib>
 #include <iterator>
 #include <map>
 
@@ -19,7 +19,7 @@ namespace VELM3D {
 
 double sumDist = 0.0;
 
-bool HC3::bFirstEnlarge = false;
+std::atomic<bool> HC3::bFirstEnlarge{false};
 
 namespace {
 
@@ -262,7 +262,7 @@ HC3::HC3(unsigned int numBits_)
       lenY(-1.0), lenZ(-1.0), bConfigured(false) {
   pointPool.init(4, -1);
   if (numBits > 32 || numBits % 3 != 0) {
-    std::cout << "HC3::HC3(..): invalid bitlength" << std::endl;
+    consoleLine("HC3::HC3(..): invalid bitlength");
     exit(1);
   }
 }
@@ -350,8 +350,8 @@ void HC3::enlarge(double factor, double secondFactor) {
 // small margin.
 void HC3::widenBoxFor(const std::vector<Point3>& vPoints) {
   if (!bbox.add(vPoints)) return;
-  if (!bFirstEnlarge) {
-    bFirstEnlarge = true;
+  // exchange: of two first insertions on two threads, exactly one sees false.
+  if (!bFirstEnlarge.exchange(true)) {
     enlarge(0.1, 0.5);
   } else {
     enlarge(0.5, 1.0);
@@ -461,21 +461,22 @@ void HC3::checkQ() {
     pPrev = p;
   }
   const double numStored = static_cast<double>(vSorted.size());
-  std::cout << "Points: coordMin=" << coordMin << ", coordMax=" << coordMax << std::endl;
-  std::cout << std::endl;
+  // The statistics go out as one block of lines.
+  std::ostringstream oss = consoleStream();
+  oss << "Points: coordMin=" << coordMin << ", coordMax=" << coordMax << "\n";
+  oss << "\n";
   const int bins = static_cast<int>(std::pow(2.0, static_cast<double>(numBits)));
-  std::cout << "HC3(numBits=" << numBits << "): We have " << bins << " bins of which " << 0.125 * bins
-            << " are usable, expected avgNum=" << (numStored / bins) * 8.0 << std::endl;
-  std::cout << "HC3: Consecutive linear distance, avg=" << sum / numStored << ", max=" << maxDist
-            << std::endl;
+  oss << "HC3(numBits=" << numBits << "): We have " << bins << " bins of which " << 0.125 * bins
+      << " are usable, expected avgNum=" << (numStored / bins) * 8.0 << "\n";
+  oss << "HC3: Consecutive linear distance, avg=" << sum / numStored << ", max=" << maxDist << "\n";
   int total = 0, maxCount = 0;
   for (const auto& keyCount : mKeyCount) {
     total += keyCount.second;
     maxCount = std::max(maxCount, keyCount.second);
   }
-  std::cout << "HC3: NumItems per used bin, avg=" << static_cast<double>(total) / mKeyCount.size()
-            << ", max=" << maxCount << std::endl;
-  std::cout << std::endl;
+  oss << "HC3: NumItems per used bin, avg=" << static_cast<double>(total) / mKeyCount.size()
+      << ", max=" << maxCount << "\n";
+  consoleLine(oss.str());
 }
 
 // The first vertex with a tetrahedron from the query's key on along the

@@ -17,6 +17,7 @@
 // removed.
 #pragma once
 
+#include <atomic>
 #include <set>
 #include <utility>
 #include <vector>
@@ -106,7 +107,8 @@ private:
   std::vector<IdxVtx> vSorted;
   std::set<IdxVtx, Func_ltIdxVtx> sRecent;
 
-  static bool bFirstEnlarge;
+  // Set by the first bulk insertion of the process, on any object and thread.
+  static std::atomic<bool> bFirstEnlarge;
 };
 
 } // namespace VELM3D

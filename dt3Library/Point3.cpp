@@ -4,9 +4,15 @@
 #include <iomanip>
 #include <iostream>
 
+#include "freeFunctions.h"
+
 namespace VELM3D {
 
-void Point3::debug() { std::cout << "Point3: " << x_ << "," << y_ << "," << z_ << std::endl; }
+void Point3::debug() {
+  std::ostringstream oss = consoleStream();
+  oss << "Point3: " << x_ << "," << y_ << "," << z_;
+  consoleLine(oss.str());
+}
 
 std::ostream& operator<<(std::ostream& stream, const Point3& p) {
   stream << static_cast<const void*>(&p) << "\t" << std::setw(8) << p.x() << ", " << std::setw(8)

@@ -33,7 +33,7 @@ int Triangle3::getIntraTriangleIndex(Point3* p) const {
   if (aCorners[0] == p) return 0;
   if (aCorners[1] == p) return 1;
   if (aCorners[2] == p) return 2;
-  std::cerr << "Triangle3::getIntraTriangleIndex(): invalid (p)" << std::endl;
+  std::cerr << "Triangle3::getIntraTriangleIndex(): invalid (p)\n" << std::flush;
   return -999;
 }
 
@@ -44,9 +44,11 @@ int Triangle3::getIntraTriangleIndex(Point3* p1, Point3* p2) const {
   if ((aCorners[1] == p1 && aCorners[2] == p2) || (aCorners[1] == p2 && aCorners[2] == p1)) return 0;
   if ((aCorners[2] == p1 && aCorners[0] == p2) || (aCorners[2] == p2 && aCorners[0] == p1)) return 1;
   if ((aCorners[0] == p1 && aCorners[1] == p2) || (aCorners[0] == p2 && aCorners[1] == p1)) return 2;
-  std::cerr << "Triangle3::getIntraTriangleIndex(): invalid (p1,p2)" << std::endl;
-  std::cout << "Have searched for " << static_cast<const void*>(p1) << " and "
-            << static_cast<const void*>(p2) << " in " << *this << std::endl;
+  std::cerr << "Triangle3::getIntraTriangleIndex(): invalid (p1,p2)\n" << std::flush;
+  std::ostringstream oss = consoleStream();
+  oss << "Have searched for " << static_cast<const void*>(p1) << " and " << static_cast<const void*>(p2) << " in "
+      << *this;
+  consoleLine(oss.str());
   return -999;
 }
 
@@ -213,7 +215,11 @@ bool Surface3::readSTL(const std::string& filename, bool bVerbose) {
     }
   }
 
-  if (bVerbose) std::cout << "Surface3::readSTL(): numTriangles=" << numTriangles << std::endl;
+  if (bVerbose) {
+    std::ostringstream oss = consoleStream();
+    oss << "Surface3::readSTL(): numTriangles=" << numTriangles;
+    consoleLine(oss.str());
+  }
   file.close();
   return true;
 }
@@ -251,7 +257,7 @@ struct Func_ltSortPairPair {
 // passed over. Edges of more than two triangles are served pairwise in the
 // run's (unstable) order, which can leave one-way links; nothing is repaired.
 bool Surface3::establishNeighborships() {
-  std::cout << "establishNeighborships() started" << std::endl;
+  consoleLine("establishNeighborships() started");
 
   std::vector<EdgeEntry> vEdges;
   vEdges.reserve(3 * vTriangles.size());
@@ -265,7 +271,7 @@ bool Surface3::establishNeighborships() {
     }
   }
   std::sort(vEdges.begin(), vEdges.end(), Func_ltSortPairPair());
-  std::cout << "establishNeighborships() 2" << std::endl;
+  consoleLine("establishNeighborships() 2");
 
   bool bResult = true;
   size_t i = 0;
@@ -294,7 +300,9 @@ bool Surface3::establishNeighborships() {
           if (j == i + 1) next = i + 2;
           break;
         }
-        std::cout << *pT << std::endl << *pU << std::endl << std::endl;
+        std::ostringstream oss = consoleStream();
+        oss << *pT << "\n" << *pU << "\n";
+        consoleLine(oss.str());
       }
     }
     i = next;

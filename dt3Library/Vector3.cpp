@@ -10,6 +10,8 @@
 #include <cmath>
 #include <iostream>
 
+#include "freeFunctions.h"
+
 namespace VELM3D {
 
 // The two members of Point3 that need Vector3 live here, beside the vector.
@@ -40,7 +42,7 @@ Vector3 normalize(const Vector3& v) {
   const double len = v.length();
   // Written as "not above zero" so that a NaN length takes this branch too.
   if (!(len > 0.0)) {
-    std::cout << "warning: normalize(const Vector3& other), Null length vector!" << std::endl;
+    consoleLine("warning: normalize(const Vector3& other), Null length vector!");
     return Vector3(0.0, 0.0, 0.0);
   }
   return Vector3(v.x() / len, v.y() / len, v.z() / len);
@@ -54,7 +56,11 @@ Vector3 getNormalVector(const Point3& p0, const Point3& p1, const Point3& p2) {
 
 Segment3::Segment3(const Point3& src_, const Point3& trg_) : src(src_), trg(trg_) {}
 
-void Segment3::debug() { std::cout << "Segment3: " << src << "," << trg << std::endl; }
+void Segment3::debug() {
+  std::ostringstream oss = consoleStream();
+  oss << "Segment3: " << src << "," << trg;
+  consoleLine(oss.str());
+}
 
 std::ostream& operator<<(std::ostream& stream, Segment3 seg) {
   stream << "Segment3: " << seg.src << "," << seg.trg;
@@ -67,7 +73,9 @@ Ball3::Ball3(double x, double y, double z, double sqRadius_)
 double Ball3::getRadius() const { return std::sqrt(sqRadius); }
 
 void Ball3::debug() const {
-  std::cout << "Ball3: " << center << ", r=" << getRadius() << std::endl;
+  std::ostringstream oss = consoleStream();
+  oss << "Ball3: " << center << ", r=" << getRadius();
+  consoleLine(oss.str());
 }
 
 std::ostream& operator<<(std::ostream& stream, const Ball3& ball) {
@@ -85,7 +93,9 @@ Bounds::Bounds(double minX_, double minY_, double maxX_, double maxY_)
     : minX(minX_), minY(minY_), maxX(maxX_), maxY(maxY_) {}
 
 void Bounds::debug() {
-  std::cout << "Bounds: " << minX << "," << minY << "," << maxX << "," << maxY << std::endl;
+  std::ostringstream oss = consoleStream();
+  oss << "Bounds: " << minX << "," << minY << "," << maxX << "," << maxY;
+  consoleLine(oss.str());
 }
 
 void Func_objBounds::operator()(const Point3& p) {

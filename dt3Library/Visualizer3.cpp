@@ -8,14 +8,13 @@
 // (6 significant digits, general notation), and the precision is never
 // changed: neighbouring vertices may print alike.
 //
-// The colour table and the colour index are process-wide. getColor reaches
+// The colour table and the colour index are process-wide; the index is atomic. getColor reaches
 // only the first 14 entries; getNextColor cycles through those 14 across all
 // files of the process and is never reset.
 #include "Visualizer3.h"
 
 #include <cmath>
 #include <cstdlib>
-#include <iostream>
 
 #include "Surface3.h"
 #include "Tet3.h"
@@ -71,7 +70,7 @@ const std::string Visualizer3::colorNames[27] = {
     "CPALEGREEN",     "CMEDSPRINGGREEN", "CLIGHTSEAGREAN", "CCYAN", "CSTEELBLUE",
     "MIDNIGHTBLUE",   "CWHEAT"};
 
-unsigned int Visualizer3::nextColorIdx = 0;
+std::atomic<unsigned int> Visualizer3::nextColorIdx{0};
 
 namespace {
 
@@ -86,7 +85,7 @@ void writeTriple(std::ostream& os, const Point3& p) {
 } // namespace
 
 Visualizer3::Visualizer3(const std::string& filename) {
-  std::cout << "Visualizer, writing " << filename << std::endl;
+  consoleLine("Visualizer, writing " + filename);
   openFile(filename);
   outFile << "LIST" << std::endl;
   outFile << "{" << std::endl;
@@ -99,9 +98,9 @@ void Visualizer3::openFile(std::string filename) {
   // is_open() then still answers true and the visualizer goes on with it.
   outFile.open(filename.c_str(), std::ios::out | std::ios::trunc);
   if (outFile.is_open()) {
-    std::cout << yellowString("  Writing " + filename) << std::endl;
+    consoleLine(yellowString("  Writing " + filename));
   } else {
-    std::cout << filename << " not open" << std::endl;
+    consoleLine(filename + " not open");
     exit(1);
   }
 }
@@ -115,15 +114,17 @@ void Visualizer3::closeFile() {
 
 std::string Visualizer3::getColor(unsigned int i) {
   if (i < numReachableColors) return colorArray[i];
-  std::cout << "Attention, returning colorArray[13] which is the last available color"
-            << std::endl;
+  consoleLine("Attention, returning colorArray[13] which is the last available color");
   return colorArray[13];
 }
 
 std::string Visualizer3::getNextColor() {
-  const std::string color(getColor(nextColorIdx));
-  nextColorIdx = (nextColorIdx + 1) % numReachableColors;
-  return color;
+  // Taking an index and advancing it is one step, so that callers on two
+  // threads never get the same index.
+  unsigned int idx = nextColorIdx.load();
+  while (!nextColorIdx.compare_exchange_weak(idx, (idx + 1) % numReachableColors)) {
+  }
+  return getColor(idx);
 }
 
 void Visualizer3::startList(unsigned long numVertices, unsigned long numFaces, bool bWithEdges) {

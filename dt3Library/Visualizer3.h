@@ -7,6 +7,7 @@
 // The colour index behind getNextColor is process-wide and never reset.
 #pragma once
 
+#include <atomic>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -52,7 +53,8 @@ public:
       CSTEELBLUE, MIDNIGHTBLUE, CWHEAT;
   static const std::string colorArray[27];
   static const std::string colorNames[27];
-  static unsigned int nextColorIdx;
+  // Advanced by one atomic step per getNextColor call, from any thread.
+  static std::atomic<unsigned int> nextColorIdx;
 
 private:
   std::ofstream outFile;

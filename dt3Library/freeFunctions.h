@@ -9,7 +9,9 @@
 //  - a printed message (warning, error, goToHell) after which the caller
 //    simply goes on.
 // Besides, the timers and counters that programs using the library share.
-// Everything here writes to std::cout without any lock.
+// Every console line of the library goes through consoleLine, so that lines
+// printed from two threads never interleave; the timers, counters and the
+// file prefix counter are guarded too and may be used from any thread.
 #pragma once
 
 #include <exception>
@@ -31,6 +33,13 @@ public:
   // hands a failed thread's report to the caller's thread with the exception.
   static void carryReport(const std::string& report);
 };
+
+// Writes text and a newline to std::cout in one piece under a process-wide
+// lock, then flushes; text may hold newlines of its own.
+void consoleLine(const std::string& text);
+// An empty string stream with std::cout's number format (flags, precision,
+// fill), to assemble a line for consoleLine that prints as std::cout would.
+std::ostringstream consoleStream();
 
 std::string redString(const std::string& s, int mode = 0);
 std::string greenString(const std::string& s, int mode = 0);

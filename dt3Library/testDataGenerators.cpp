@@ -2,8 +2,8 @@
 // exercise the library, and the reader of plain XYZ point files.
 //
 // The generator is the system library's rand/srand, so a sequence repeats
-// only on the same system library. It is process-wide state shared with every
-// other user of rand, and so is the count of seed-0 calls kept below.
+// only on the same system library. Its state and the seed-0 count are shared
+// by the process; a lock keeps each generation whole against other threads.
 //
 // The scale of a random number assumes rand() yields 0 to 2^31-1: the value
 // r * range * 2^-31 + min lies in [min, max) up to rounding. The order of the
@@ -18,7 +18,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
-#include <iostream>
+#include <mutex>
 
 #include "freeFunctions.h"
 
@@ -28,10 +28,10 @@ namespace {
 
 // 2^-31, the exact reciprocal of 2147483648.
 const double twoToMinus31 = 4.656612873077393e-10;
+std::mutex generatorMutex;
 
-// Seed 0 takes the clock's second and then reseeds the generator from itself
-// once for every earlier seed-0 call, so that two calls within one second
-// still differ. Other seeds neither use nor advance the count.
+// Seed 0: the clock's second, then one reseeding from the generator per earlier
+// seed-0 call, so two calls in one second differ; other seeds leave the count.
 void seedGenerator(unsigned int seed, int& ithCall) {
   if (seed != 0) {
     srand(seed);
@@ -55,9 +55,9 @@ void seedGenerator(unsigned int seed, int& ithCall) {
 // The values of a non-zero seed are the same for any num.
 void generateRandomNumbers(unsigned long num, double min, double max,
                            std::vector<double>& vRandomNumbers, unsigned int seed) {
+  const std::lock_guard<std::mutex> lock(generatorMutex);
   static int ithCall = 0;
   seedGenerator(seed, ithCall);
-
   VELM_ASSERT(min<max);
   if (num == 0) return;
   const double range = max - min;
@@ -88,7 +88,7 @@ void generateRandomPoints(unsigned long numPoints, double min, double max,
 bool readXYZ(const char* filename, std::vector<Point3>& vPoints) {
   std::ifstream file(filename);
   if (!file.is_open()) {
-    std::cout << filename << " is unreadable" << std::endl;
+    consoleLine(std::string(filename) + " is unreadable");
     return false;
   }
   while (true) {
