@@ -117,7 +117,7 @@ else
     -DCMAKE_BUILD_TYPE=Release \
     -DCMAKE_CXX_FLAGS_RELEASE="-O3 -DNDEBUG" \
     -DVELM3D_BUILD_BENCH=ON -DVELM3D_BUILD_TESTS=OFF -DVELM3D_BUILD_EXAMPLES=OFF
-  cmake --build "$build" --target bench_triangulation
+  cmake --build "$build" --target bench_triangulation -j "$(nproc)"
   bin="$build/bench/bench_triangulation"
 
   if [ "$quick" = 1 ]; then
@@ -227,7 +227,9 @@ bThreadTable="$(awk -F, "$threadsOf"'
   echo "is the growth of the peak during construction over the input size, that is what the"
   echo "triangulation costs. Above one thread libvelm3d runs with \`setNumThreads(T)\` and"
   echo "CGAL is its \`Delaunay_triangulation_3\` with \`Parallel_tag\` (TBB capped at T threads,"
-  echo "a lock grid of 50^3 cells over the points' bounding box); TetGen has one thread only."
+  echo "a lock grid of 50^3 cells over the points' bounding box, timed around its range"
+  echo "constructor); TetGen has one thread only. CGAL's lock retries make its figure above one"
+  echo "thread swing widely when other work shares the cores."
   echo "The ratio to CGAL compares with CGAL at the same thread count."
   if [ -s "$notes" ]; then
     echo
