@@ -5,8 +5,16 @@
 // The input is one of: N seeded uniform random points in the unit cube, a
 // K x K x K integer grid, N uniform random points on the unit sphere (double
 // coordinates, so nearly but not exactly cospherical), N points of which 10%
-// are exact copies of others, or the points of an XYZ file. All
-// implementations get the same coordinates, and they take turns run by run.
+// are exact copies of others, N points of a scan-like scene (a rolling ground
+// with box buildings, rounded to 1 cm as scan files store them), or the
+// points of an XYZ file. All implementations get the same coordinates, and
+// they take turns run by run.
+//
+// --threads N sets the thread count of every implementation that has one:
+// libvelm3d's bulk insertion (Velm_3D::setNumThreads) and CGAL, which above
+// one thread is the Delaunay_triangulation_3 with Parallel_tag (built with
+// TBB) and its lock grid over the input's bounding box. TetGen has one
+// thread only and is left out above one.
 // Each run happens in a forked child, so that every run starts from the same
 // heap and its peak resident set size (VmHWM) belongs to that run alone. The
 // child resets VmHWM just before it makes the triangulation object (through
@@ -21,8 +29,8 @@
 //
 // Usage: bench_triangulation --help (the sets and the options).
 // --csv appends one line per implementation to FILE (a header line first if
-// the file is new): label, N, implementation, median wall, user and system
-// seconds, wall time ratio to CGAL, peak RSS, its growth during
+// the file is new): label, N, implementation, threads, median wall, user and
+// system seconds, wall time ratio to CGAL, peak RSS, its growth during
 // construction, bytes per point, cells, runs, validity check, the load
 // average at start and the CPU.
 // TetGen is timed around tetrahedralize() with switches "QNF": quiet, and
@@ -47,10 +55,12 @@
 #include <fstream>
 #include <iomanip>
 #include <iostream>
+#include <memory>
 #include <random>
 #include <sstream>
 #include <streambuf>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Velm_3D.h"
@@ -58,6 +68,12 @@
 #ifdef VELM3D_BENCH_WITH_CGAL
 #include <CGAL/Delaunay_triangulation_3.h>
 #include <CGAL/Exact_predicates_inexact_constructions_kernel.h>
+#ifdef CGAL_LINKED_WITH_TBB
+#include <CGAL/Delaunay_triangulation_cell_base_3.h>
+#include <CGAL/Triangulation_data_structure_3.h>
+#include <CGAL/Triangulation_vertex_base_3.h>
+#include <tbb/global_control.h>
+#endif
 #endif
 
 #ifdef VELM3D_BENCH_WITH_TETGEN
@@ -82,6 +98,8 @@ struct Options {
   int grid = 0;
   unsigned long numSphere = 0;
   unsigned long numDups = 0;
+  unsigned long numScan = 0;
+  int numThreads = 1;
   std::string xyzFile;
   std::string csvFile;
   std::string label;
@@ -185,12 +203,13 @@ std::string cpuDescription() {
   return name + " (family " + family + ", model " + model + ")";
 }
 
-RunResult runVelm(const std::vector<Point3>& vInput, bool bCheck, bool bCount) {
+RunResult runVelm(const std::vector<Point3>& vInput, int numThreads, bool bCheck, bool bCount) {
   RunResult r;
   std::vector<Point3> vPoints(vInput);
   r.rssBeforeKB = readStatusKB("VmRSS");
   resetPeakRss();
   VELM3D::Velm_3D velm;
+  velm.setNumThreads(numThreads);
 
   NullBuffer nullBuffer;
   std::streambuf* pOld = std::cout.rdbuf(&nullBuffer);
@@ -243,6 +262,44 @@ RunResult runCgal(const std::vector<Point3>& vInput, bool bCheck) {
   r.ok = 1;
   return r;
 }
+
+#ifdef CGAL_LINKED_WITH_TBB
+// CGAL's parallel insertion as its manual shows it: a triangulation data
+// structure with Parallel_tag, a lock grid of 50^3 cells over the bounding
+// box of the points, and TBB's thread count capped at numThreads.
+RunResult runCgalParallel(const std::vector<Point3>& vInput, int numThreads, bool bCheck) {
+  using K = CGAL::Exact_predicates_inexact_constructions_kernel;
+  using Tds = CGAL::Triangulation_data_structure_3<CGAL::Triangulation_vertex_base_3<K>,
+                                                   CGAL::Delaunay_triangulation_cell_base_3<K>,
+                                                   CGAL::Parallel_tag>;
+  using DT = CGAL::Delaunay_triangulation_3<K, Tds>;
+  RunResult r;
+  std::vector<K::Point_3> vPoints;
+  vPoints.reserve(vInput.size());
+  double lo[3] = {0, 0, 0}, hi[3] = {0, 0, 0};
+  for (size_t i = 0; i < vInput.size(); ++i) {
+    const double c[3] = {vInput[i].x(), vInput[i].y(), vInput[i].z()};
+    for (int k = 0; k < 3; ++k) {
+      lo[k] = i == 0 ? c[k] : std::min(lo[k], c[k]);
+      hi[k] = i == 0 ? c[k] : std::max(hi[k], c[k]);
+    }
+    vPoints.emplace_back(c[0], c[1], c[2]);
+  }
+  tbb::global_control threadLimit(tbb::global_control::max_allowed_parallelism,
+                                  static_cast<size_t>(numThreads));
+  DT::Lock_data_structure lockGrid(CGAL::Bbox_3(lo[0], lo[1], lo[2], hi[0], hi[1], hi[2]), 50);
+  r.rssBeforeKB = readStatusKB("VmRSS");
+  resetPeakRss();
+  std::unique_ptr<DT> pTriangulation;
+
+  timeCall(r, [&] { pTriangulation.reset(new DT(vPoints.begin(), vPoints.end(), &lockGrid)); });
+  r.hwmKB = readStatusKB("VmHWM");
+  r.numCells = static_cast<long>(pTriangulation->number_of_finite_cells());
+  if (bCheck) r.checkResult = pTriangulation->is_valid(false) ? 1 : 0;
+  r.ok = 1;
+  return r;
+}
+#endif
 #endif
 
 #ifdef VELM3D_BENCH_WITH_TETGEN
@@ -394,11 +451,17 @@ const char* const usageText =
     "  gridK      the K x K x K integer grid\n"
     "  sphereN    N uniform random points on the unit sphere (nearly cospherical)\n"
     "  dupsN      N points, 10% of them exact copies of others\n"
-    "The same sets as options: --points N, --grid K, --sphere N, --dups N; or --xyz FILE.\n"
+    "  scanN      N points of a scan-like scene: rolling ground, box buildings' flat roofs\n"
+    "             and vertical walls, every coordinate rounded to 1 cm\n"
+    "The same sets as options: --points N, --grid K, --sphere N, --dups N, --scan N;\n"
+    "or --xyz FILE.\n"
     "\n"
     "Options:\n"
     "  --seed S       seed of the random sets (default 42)\n"
     "  --repeat R     R runs per implementation, medians reported (default 1)\n"
+    "  --threads T    threads of libvelm3d and CGAL (default 1; 0: every hardware thread);\n"
+    "                 CGAL above one thread is its Parallel_tag triangulation, TetGen is\n"
+    "                 left out\n"
     "  --check        validity check of libvelm3d's and CGAL's results\n"
     "  --no-velm, --no-cgal, --no-tetgen, --tetgen\n"
     "                 leave an implementation out (or in)\n"
@@ -421,16 +484,18 @@ unsigned long parseCount(const std::string& text) {
   return n;
 }
 
-// A set name (uniform100k, grid100, sphere100k, dups1M) into the options.
+// A set name (uniform100k, grid100, sphere100k, dups1M, scan1M) into the
+// options.
 bool parseSet(const std::string& name, Options& opt) {
-  for (const char* kind : {"uniform", "grid", "sphere", "dups"}) {
+  for (const char* kind : {"uniform", "grid", "sphere", "dups", "scan"}) {
     const size_t len = std::strlen(kind);
     if (name.compare(0, len, kind) != 0) continue;
     const unsigned long n = parseCount(name.substr(len));
     if (n == 0) return false;
     if (kind[0] == 'u') opt.numPoints = n;
     else if (kind[0] == 'g') opt.grid = static_cast<int>(n);
-    else if (kind[0] == 's') opt.numSphere = n;
+    else if (kind[1] == 'p') opt.numSphere = n;
+    else if (kind[1] == 'c') opt.numScan = n;
     else opt.numDups = n;
     return true;
   }
@@ -456,8 +521,10 @@ bool parseOptions(int argc, char** argv, Options& opt) {
     else if (a == "--grid") opt.grid = std::atoi(value("K"));
     else if (a == "--sphere") opt.numSphere = std::strtoul(value("a count"), nullptr, 10);
     else if (a == "--dups") opt.numDups = std::strtoul(value("a count"), nullptr, 10);
+    else if (a == "--scan") opt.numScan = std::strtoul(value("a count"), nullptr, 10);
     else if (a == "--xyz") opt.xyzFile = value("a file name");
     else if (a == "--repeat") opt.repeat = std::max(1, std::atoi(value("a count")));
+    else if (a == "--threads") opt.numThreads = std::max(0, std::atoi(value("a count")));
     else if (a == "--check") opt.bCheck = true;
     else if (a == "--no-cgal") opt.bCgal = false;
     else if (a == "--no-velm") opt.bVelm = false;
@@ -519,9 +586,145 @@ void makeWithDuplicates(unsigned long n, unsigned int seed, std::vector<Point3>&
   std::shuffle(vPoints.begin(), vPoints.end(), gen);
 }
 
+// n points of a scan-like scene, as a laser scan of a built-up area gives
+// them: a rolling ground (a smooth height field, a sum of four sines) with
+// axis-aligned box buildings standing on it, each seen as a flat roof and
+// four vertical walls. The points are spread uniformly by area over these
+// surfaces, at about 250 points per square metre, so the scene grows with n
+// (1M points: a square of about 45 m with a dozen buildings). Every
+// coordinate is then rounded to 1 cm, as scan files store them: roofs and
+// walls lie exactly on planes, the points of each on a 1 cm lattice (many
+// cocircular and cospherical groups), and about 1% of the points are exact
+// copies of others. The random numbers are taken from mt19937_64 bit by bit
+// rather than through the standard distributions, whose algorithms differ
+// between standard libraries, so a seed gives the same set everywhere.
+void makeScan(unsigned long n, unsigned int seed, std::vector<Point3>& vPoints) {
+  std::mt19937_64 gen(seed);
+  auto uniform = [&gen](double lo, double hi) {
+    return lo + (hi - lo) * static_cast<double>(gen() >> 11) * 0x1.0p-53;
+  };
+  auto cm = [](double v) { return std::round(v * 100.0) / 100.0; };
+  const double pointsPerSquareMetre = 250.0;
+  const double twoPi = 6.283185307179586;
+  // Buildings add about 80% to the ground's area with their walls.
+  const double side = std::max(5.0, std::sqrt(static_cast<double>(n) / pointsPerSquareMetre / 1.8));
+
+  // The ground: wavelengths from 60 m down to 5 m, in random directions.
+  struct Wave {
+    double kx, ky, phase, amplitude;
+  };
+  Wave vWaves[4];
+  const double wavelengths[4] = {60.0, 25.0, 11.0, 5.0};
+  const double amplitudes[4] = {1.5, 0.8, 0.4, 0.15};
+  for (int i = 0; i < 4; ++i) {
+    const double angle = uniform(0.0, twoPi);
+    const double k = twoPi / wavelengths[i];
+    vWaves[i] = {k * std::cos(angle), k * std::sin(angle), uniform(0.0, twoPi), amplitudes[i]};
+  }
+  auto ground = [&vWaves](double x, double y) {
+    double h = 0.0;
+    for (const Wave& w : vWaves) h += w.amplitude * std::sin(w.kx * x + w.ky * y + w.phase);
+    return h;
+  };
+
+  // The buildings: footprints of 3 to 10 m a side on a 1 cm grid, at least
+  // 1.5 m apart, covering about a quarter of the ground; heights 3 to 9 m
+  // above the highest corner of the ground beneath.
+  struct Building {
+    double x0, y0, x1, y1, roof, wallBottom;
+  };
+  std::vector<Building> vBuildings;
+  const size_t numWanted = std::max<size_t>(1, static_cast<size_t>(0.25 * side * side / 42.0));
+  const double gap = 1.5;
+  for (size_t attempt = 0; attempt < 50 * numWanted && vBuildings.size() < numWanted; ++attempt) {
+    const double w = uniform(3.0, std::min(10.0, 0.5 * side));
+    const double d = uniform(3.0, std::min(10.0, 0.5 * side));
+    Building b;
+    b.x0 = cm(uniform(1.0, side - 1.0 - w));
+    b.y0 = cm(uniform(1.0, side - 1.0 - d));
+    b.x1 = cm(b.x0 + w);
+    b.y1 = cm(b.y0 + d);
+    bool bFree = true;
+    for (const Building& o : vBuildings)
+      if (b.x0 < o.x1 + gap && o.x0 < b.x1 + gap && b.y0 < o.y1 + gap && o.y0 < b.y1 + gap)
+        bFree = false;
+    if (!bFree) continue;
+    const double corners[4] = {ground(b.x0, b.y0), ground(b.x1, b.y0), ground(b.x0, b.y1),
+                               ground(b.x1, b.y1)};
+    b.roof = cm(*std::max_element(corners, corners + 4) + uniform(3.0, 9.0));
+    // Walls are sampled down to below the lowest ground along them and
+    // points under the ground rejected.
+    b.wallBottom = *std::min_element(corners, corners + 4) - 1.0;
+    vBuildings.push_back(b);
+  }
+  // Which building a 1 m cell of the ground meets, if any: the gap between
+  // buildings exceeds a cell's diagonal, so a cell meets at most one.
+  const int numCells = static_cast<int>(std::ceil(side));
+  std::vector<int> vCellBuilding(static_cast<size_t>(numCells) * numCells, -1);
+  for (size_t i = 0; i < vBuildings.size(); ++i) {
+    const Building& b = vBuildings[i];
+    for (int cx = static_cast<int>(b.x0); cx <= static_cast<int>(b.x1) && cx < numCells; ++cx)
+      for (int cy = static_cast<int>(b.y0); cy <= static_cast<int>(b.y1) && cy < numCells; ++cy)
+        vCellBuilding[static_cast<size_t>(cx) * numCells + cy] = static_cast<int>(i);
+  }
+  auto underBuilding = [&](double x, double y) {
+    const int cx = std::min(numCells - 1, static_cast<int>(x));
+    const int cy = std::min(numCells - 1, static_cast<int>(y));
+    const int i = vCellBuilding[static_cast<size_t>(cx) * numCells + cy];
+    if (i < 0) return false;
+    const Building& b = vBuildings[static_cast<size_t>(i)];
+    return b.x0 < x && x < b.x1 && b.y0 < y && y < b.y1;
+  };
+
+  // The surfaces and their areas: the ground, then per building its roof
+  // and its walls at y0, y1, x0 and x1 (wall areas from their mean height).
+  std::vector<double> vCumulativeArea;
+  double total = side * side;
+  for (const Building& b : vBuildings) total -= (b.x1 - b.x0) * (b.y1 - b.y0);
+  vCumulativeArea.push_back(total);
+  for (const Building& b : vBuildings) {
+    const double height = b.roof - ground(0.5 * (b.x0 + b.x1), 0.5 * (b.y0 + b.y1));
+    const double areas[5] = {(b.x1 - b.x0) * (b.y1 - b.y0), (b.x1 - b.x0) * height,
+                             (b.x1 - b.x0) * height, (b.y1 - b.y0) * height,
+                             (b.y1 - b.y0) * height};
+    for (double a : areas) vCumulativeArea.push_back(total += a);
+  }
+
+  vPoints.reserve(vPoints.size() + n);
+  for (unsigned long i = 0; i < n; ++i) {
+    const size_t surface = static_cast<size_t>(
+        std::upper_bound(vCumulativeArea.begin(), vCumulativeArea.end(), uniform(0.0, total)) -
+        vCumulativeArea.begin());
+    double x, y, z;
+    if (surface == 0 || surface >= vCumulativeArea.size()) {
+      do {
+        x = uniform(0.0, side);
+        y = uniform(0.0, side);
+      } while (underBuilding(x, y));
+      z = ground(x, y);
+    } else {
+      const Building& b = vBuildings[(surface - 1) / 5];
+      const size_t part = (surface - 1) % 5;
+      if (part == 0) {
+        x = uniform(b.x0, b.x1);
+        y = uniform(b.y0, b.y1);
+        z = b.roof;
+      } else {
+        do {
+          x = part <= 2 ? uniform(b.x0, b.x1) : part == 3 ? b.x0 : b.x1;
+          y = part >= 3 ? uniform(b.y0, b.y1) : part == 1 ? b.y0 : b.y1;
+          z = uniform(b.wallBottom, b.roof);
+        } while (z < ground(x, y));
+      }
+    }
+    vPoints.emplace_back(cm(x), cm(y), cm(z));
+  }
+}
+
 // One CSV line per implementation; a header first when the file is new.
 void appendCsv(const Options& opt, const std::string& label, size_t numPoints, const char* name,
-               const Summary& s, const Summary& cgal, double load, const std::string& cpu) {
+               int numThreads, const Summary& s, const Summary& cgal, double load,
+               const std::string& cpu) {
   if (!s.ok) return;
   bool bNew = false;
   {
@@ -534,9 +737,10 @@ void appendCsv(const Options& opt, const std::string& label, size_t numPoints, c
     return;
   }
   if (bNew)
-    out << "set,n,implementation,median_s,user_s,sys_s,ratio_to_cgal,peak_rss_mib,growth_mib,"
-           "bytes_per_point,cells,runs,check,load,cpu\n";
-  out << std::fixed << label << "," << numPoints << "," << name << "," << std::setprecision(4)
+    out << "set,n,implementation,threads,median_s,user_s,sys_s,ratio_to_cgal,peak_rss_mib,"
+           "growth_mib,bytes_per_point,cells,runs,check,load,cpu\n";
+  out << std::fixed << label << "," << numPoints << "," << name << "," << numThreads << ","
+      << std::setprecision(4)
       << s.seconds << "," << s.user << "," << s.sys << ",";
   if (cgal.ok && cgal.seconds > 0) out << std::setprecision(3) << s.seconds / cgal.seconds;
   out << "," << std::setprecision(1) << s.hwmKB / 1024.0 << "," << s.growthKB() / 1024.0 << ","
@@ -574,6 +778,10 @@ int main(int argc, char** argv) {
     makeSphere(opt.numSphere, opt.seed, vPoints);
     what = "uniform random on the unit sphere, seed " + std::to_string(opt.seed);
     label = "sphere";
+  } else if (opt.numScan > 0) {
+    makeScan(opt.numScan, opt.seed, vPoints);
+    what = "scan-like scene (ground, roofs, walls; 1 cm rounding), seed " + std::to_string(opt.seed);
+    label = "scan";
   } else if (opt.numDups > 0) {
     makeWithDuplicates(opt.numDups, opt.seed, vPoints);
     what = "uniform random with 10% exact duplicates, seed " + std::to_string(opt.seed);
@@ -592,6 +800,9 @@ int main(int argc, char** argv) {
             << " logical CPUs online\n";
   std::cout << "runs:  " << (opt.bFork ? opt.repeat : 1)
             << (opt.bFork ? " per implementation, each in a forked child" : ", in process") << "\n";
+  if (opt.numThreads == 0)
+    opt.numThreads = std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
+  std::cout << "threads: " << opt.numThreads << "\n";
 
   std::cout << std::fixed;
   double load[3] = {0, 0, 0};
@@ -607,18 +818,33 @@ int main(int argc, char** argv) {
   if (opt.bTetgen) std::cout << "TetGen: not built in (configure with libtet installed)\n";
   opt.bTetgen = false;
 #endif
+#if defined(VELM3D_BENCH_WITH_CGAL) && !defined(CGAL_LINKED_WITH_TBB)
+  if (opt.bCgal && opt.numThreads > 1) {
+    std::cout << "CGAL: left out above one thread (configure with TBB installed)\n";
+    opt.bCgal = false;
+  }
+#endif
+  if (opt.bTetgen && opt.numThreads > 1) {
+    std::cout << "TetGen: left out above one thread (it has one only)\n";
+    opt.bTetgen = false;
+  }
   // The implementations take turns, so that a load that comes and goes on
   // the machine falls on all of them alike.
   Summary velm, cgal, tetgen;
   const int runs = opt.bFork ? opt.repeat : 1;
   for (int i = 0; i < runs; ++i) {
     if (opt.bVelm) {
-      auto fn = [&] { return runVelm(vPoints, opt.bCheck, opt.bCount); };
+      auto fn = [&] { return runVelm(vPoints, opt.numThreads, opt.bCheck, opt.bCount); };
       velm.add(opt.bFork ? runForked(fn) : fn());
     }
 #ifdef VELM3D_BENCH_WITH_CGAL
     if (opt.bCgal) {
-      auto fn = [&] { return runCgal(vPoints, opt.bCheck); };
+      auto fn = [&] {
+#ifdef CGAL_LINKED_WITH_TBB
+        if (opt.numThreads > 1) return runCgalParallel(vPoints, opt.numThreads, opt.bCheck);
+#endif
+        return runCgal(vPoints, opt.bCheck);
+      };
       cgal.add(opt.bFork ? runForked(fn) : fn());
     }
 #endif
@@ -636,8 +862,10 @@ int main(int argc, char** argv) {
     printSummary(("libvelm3d " + VELM3D::getVelm3DVersion()).c_str(), "tetrahedra", velm, n,
                  opt.bFork);
   if (opt.bCgal)
-    printSummary("CGAL Delaunay_triangulation_3, Epick, range insert", "finite cells", cgal, n,
-                 opt.bFork);
+    printSummary(opt.numThreads > 1
+                     ? "CGAL Delaunay_triangulation_3, Epick, Parallel_tag, range insert"
+                     : "CGAL Delaunay_triangulation_3, Epick, range insert",
+                 "finite cells", cgal, n, opt.bFork);
   if (opt.bTetgen)
     printSummary("TetGen tetrahedralize \"QNF\"", "tetrahedra", tetgen, n, opt.bFork);
 
@@ -664,9 +892,10 @@ int main(int argc, char** argv) {
   if (!opt.csvFile.empty()) {
     std::string cpuField = cpu;
     std::replace(cpuField.begin(), cpuField.end(), ',', ';'); // one CSV field
-    if (opt.bVelm) appendCsv(opt, label, n, "libvelm3d", velm, cgal, load[0], cpuField);
-    if (opt.bCgal) appendCsv(opt, label, n, "CGAL", cgal, cgal, load[0], cpuField);
-    if (opt.bTetgen) appendCsv(opt, label, n, "TetGen", tetgen, cgal, load[0], cpuField);
+    const int t = opt.numThreads;
+    if (opt.bVelm) appendCsv(opt, label, n, "libvelm3d", t, velm, cgal, load[0], cpuField);
+    if (opt.bCgal) appendCsv(opt, label, n, "CGAL", t, cgal, cgal, load[0], cpuField);
+    if (opt.bTetgen) appendCsv(opt, label, n, "TetGen", 1, tetgen, cgal, load[0], cpuField);
   }
   bool bFailed = (opt.bVelm && !velm.ok) || (opt.bCgal && !cgal.ok) ||
                  (opt.bTetgen && !tetgen.ok) || velm.checkResult == 0 || cgal.checkResult == 0;
