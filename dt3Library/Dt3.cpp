@@ -73,13 +73,13 @@ Surface3* Dt3::createEmptySurface() {
 // stored vertices span space.
 
 void Dt3::insertVector(std::vector<Point3>& vPoints, std::vector<Point3*>& vUserHandles) {
-  if (bVerbose) std::cout << std::endl << "Dt3::insert(vector,vector) has been called" << std::endl;
+  if (bVerbose) consoleLine("\nDt3::insert(vector,vector) has been called");
   if (!vUserHandles.empty()) {
     warning("Dt3::insert()", "vUserHandles is not empty as it should be");
     vUserHandles.clear();
   }
   const size_t n = vPoints.size();
-  std::cout << "numPoints=" << n << std::endl;
+  consoleLine("numPoints=" + std::to_string(n));
   if (n == 0) return;
   for (const Point3& p : vPoints) bAllFloorFree = bAllFloorFree && kernels::inFloorFreeRange(p);
   std::vector<Point3*> vNewVertices;
@@ -252,7 +252,7 @@ void Dt3::triangulateList(std::vector<Point3*>& vVertices, Tet3* pLastTet, bool 
     return;
   }
   if (vVertices.empty()) {
-    std::cout << "Attention: triangulate has got an empty vector" << std::endl;
+    consoleLine("Attention: triangulate has got an empty vector");
     return;
   }
   // The list may come from a caller of this public entry, not the intake.
@@ -281,8 +281,7 @@ void Dt3::triangulateList(std::vector<Point3*>& vVertices, Tet3* pLastTet, bool 
   unsigned long numBefore = 0;  // the points of the levels before
   for (int k = 0; k <= numLevels; numBefore += vLevelSizes[k++]) {
     std::vector<Point3*>& vLevel = vvLevels[k];
-    if (numThreads > 1 && numBefore >= minMeshForThreads * static_cast<unsigned long>(numThreads) &&
-        vLevel.size() >= minLevelForThreads * static_cast<unsigned long>(numThreads)) {
+    if (numThreads > 1 && numBefore >= minMeshForThreads && vLevel.size() >= minLevelForThreads) {
       if (vCurve.empty()) {
         hc3.getVertices(vCurve);
         for (size_t i = 0; i < vCurve.size(); ++i) vCurve[i]->setCurveRank(static_cast<unsigned int>(i));
@@ -405,7 +404,7 @@ int Dt3::locateConflictTet(Point3* pVtx, Tet3*& pStartTet) {
       // that a retry would start elsewhere, and give up.
       Tet3* pNeigh = pStartTet->getOppTet(rand() % 4);
       if (pNeigh != nullptr) pStartTet = pNeigh;
-      std::cout << "watchDog: bad point" << std::endl;
+      consoleLine("watchDog: bad point");
       return locateStepLimit;
     }
     ++numSteps;
@@ -538,7 +537,7 @@ Tet3* Dt3::insertVertex(Point3*& pVtx, Tet3* pCurTet) {
   }
   tcsFinalPass();
   if (registry.getNumOpen() != 0) {
-    std::cout << "numStoredTCS after insertVertex: " << registry.getNumOpen() << std::endl;
+    consoleLine("numStoredTCS after insertVertex: " + std::to_string(registry.getNumOpen()));
     VELM_ASSERT(registry.getNumOpen()==0);
   }
   return pNewTet;
@@ -753,7 +752,7 @@ Tet3* Dt3::duplicateInsertCheck(Point3*& pVtx, Tet3* pCurTet, int locateResult) 
 void Dt3::getAllTetrahedra(std::vector<Tet3*>& vTet) {
   VELM_ASSERT(vTet.empty());
   collectTets(vTet);
-  if (vTet.empty()) std::cout << "Dt3::getAllTetrahedra(), oneTet==NULL" << std::endl;
+  if (vTet.empty()) consoleLine("Dt3::getAllTetrahedra(), oneTet==NULL");
 }
 
 void Dt3::collectTets(std::vector<Tet3*>& vTet) const {

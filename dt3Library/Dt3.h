@@ -241,10 +241,10 @@ public:
   typedef bool (*ProgressCallback)(void* pUser, unsigned long numDone, unsigned long numTotal);
   static constexpr unsigned long numInsertionsPerReport = 4096;
   // A level of a bulk insertion goes to the threads once the mesh has
-  // minMeshForThreads vertices per thread and the level minLevelForThreads
-  // points per thread; the smaller levels before run on one thread.
-  static constexpr unsigned long minMeshForThreads = 4096;
-  static constexpr unsigned long minLevelForThreads = 1024;
+  // minMeshForThreads vertices and the level minLevelForThreads points; the
+  // smaller levels before run on one thread.
+  static constexpr unsigned long minMeshForThreads = 2000;
+  static constexpr unsigned long minLevelForThreads = 1000;
   void setProgressCallback(ProgressCallback f, void* pUser) {
     pProgress = f;
     pProgressUser = pUser;

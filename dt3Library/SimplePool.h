@@ -20,6 +20,8 @@
 #include <unordered_set>
 #include <vector>
 
+#include "freeFunctions.h"
+
 namespace BRIX_TOOLS {
 
 // Faults in the pages of [p, p + bytes) ahead of use, in one system call
@@ -37,8 +39,7 @@ public:
 
   ~SimplePool() {
     if (vBlocks.size() >= 51) {
-      std::cout << "SimplePool::~SimplePool: Number of containers to release: " << vBlocks.size()
-                << std::endl;
+      consoleLine("SimplePool::~SimplePool: Number of containers to release: " + std::to_string(vBlocks.size()));
     }
     for (T* pBlock : vBlocks) free(pBlock);
     bSingleBlock = true;

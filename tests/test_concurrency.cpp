@@ -1,9 +1,12 @@
 // The library's process-wide state used from several threads at once: the
 // file prefix counter, the colour index, the counters, the random generator,
-// the console and two triangulations side by side. Every test here is named
-// Concurrent.*, and tests/tsan.sh runs them under ThreadSanitizer, where a
-// race fails them even when the numbers come out right.
+// the console and two triangulations side by side (Concurrent.*); and the
+// threaded bulk insertion (Threads.*). tests/tsan.sh runs them under
+// ThreadSanitizer, where a race fails them even when the numbers come out
+// right.
 #include <algorithm>
+#include <cmath>
+#include <random>
 #include <array>
 #include <atomic>
 #include <functional>
@@ -13,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "exact_checker.h"
 #include "test_support.h"
 
 using namespace VELM3D;
@@ -187,4 +191,128 @@ TEST(Concurrent, TwoTriangulationsAtOnceGiveTheirMeshesAlone) {
     EXPECT_TRUE(support::isDelaunayOf(vVt[i], vInputs[i]));
     EXPECT_EQ(tetSet(vVt[i]), vAlone[i]);
   }
+}
+
+// ---------------------------------------------------------------------------
+// The threaded bulk insertion (Threads.*).
+
+namespace {
+
+// A terrain scan in miniature: a rolling ground, flat roofs and vertical
+// walls of boxes, every coordinate rounded to 1 cm as scan files store them,
+// so that duplicates, coplanar and cospherical points abound.
+std::vector<Point3> scanLike(size_t n, unsigned long seed) {
+  std::mt19937_64 gen(seed);
+  std::uniform_real_distribution<double> d(0.0, 40.0);
+  const auto cm = [](double x) { return std::round(x * 100.0) / 100.0; };
+  std::vector<Point3> v;
+  for (size_t i = 0; i < n; ++i) {
+    const double x = d(gen), y = d(gen), ground = 0.5 * std::sin(0.3 * x) + 0.3 * std::cos(0.2 * y);
+    const int box = static_cast<int>(x / 8) + 5 * static_cast<int>(y / 8), kind = static_cast<int>(i % 4);
+    const double bx = 8.0 * (box % 5) + 2.0, by = 8.0 * (box / 5) + 2.0, top = 3.0 + box % 4;
+    if (kind == 0) v.emplace_back(cm(x), cm(y), cm(ground)); // ground
+    else if (kind == 1) v.emplace_back(cm(bx + std::fmod(x, 4.0)), cm(by + std::fmod(y, 4.0)), top); // roof
+    else v.emplace_back(kind == 2 ? bx : cm(bx + std::fmod(x, 4.0)), kind == 2 ? cm(by + std::fmod(y, 4.0)) : by,
+                        cm(std::fmod(x * y, top))); // walls
+  }
+  return v;
+}
+
+// The integer points between the spheres of squared radius 2400 and 2500:
+// a hundred exactly cospherical shells.
+std::vector<Point3> shells() {
+  std::vector<Point3> v;
+  for (int x = -50; x <= 50; ++x)
+    for (int y = -50; y <= 50; ++y)
+      for (int z = -50; z <= 50; ++z)
+        if (x * x + y * y + z * z >= 2400 && x * x + y * y + z * z <= 2500) v.emplace_back(x, y, z);
+  return v;
+}
+
+// Inserts v with numThreads threads; every input point must come back as the
+// stored vertex of its position.
+void insertThreaded(Velm_3D& vt, std::vector<Point3> v, int numThreads) {
+  vt.setNumThreads(numThreads);
+  std::vector<Point3*> vHandles;
+  captured([&] { vt.insert(v, vHandles); });
+  ASSERT_EQ(vHandles.size(), v.size());
+  for (size_t i = 0; i < v.size(); ++i) ASSERT_TRUE(vHandles[i] != nullptr && *vHandles[i] == v[i]) << i;
+}
+
+} // namespace
+
+// In general position the Delaunay mesh is unique: every thread count gives
+// the same tetrahedra, more threads than cores included.
+TEST(Threads, EveryThreadCountGivesTheOneMeshOfPointsInGeneralPosition) {
+  const std::vector<Point3> v = support::randomPoints(40000, 21);
+  std::set<Quadruple> sOne;
+  for (int numThreads : {1, 2, 3, 8}) {
+    Velm_3D vt;
+    insertThreaded(vt, v, numThreads);
+    EXPECT_EQ(vt.findFault(true).kind, MeshFault::NONE) << numThreads;
+    if (numThreads == 1) sOne = tetSet(vt);
+    else EXPECT_TRUE(tetSet(vt) == sOne) << numThreads << " threads";
+  }
+}
+
+// Degenerate sets tie-break differently on threads, but every mesh is
+// Delaunay by the exact check; a second threaded insertion adds to a mesh.
+TEST(Threads, EightThreadsOnDegenerateSetsGiveDelaunayMeshes) {
+  const std::vector<std::pair<std::string, std::vector<Point3>>> vSets{
+      {"grid", support::grid(34)}, {"shells", shells()}, {"scan", scanLike(40000, 3)}};
+  for (const auto& [name, v] : vSets) {
+    Velm_3D vt;
+    insertThreaded(vt, v, 8);
+    EXPECT_TRUE(support::isDelaunayOf(vt, v)) << name;
+  }
+  Velm_3D vt;
+  const std::vector<Point3> vFirst = support::randomPoints(30000, 4), vSecond = support::grid(20, -0.95, 0.1);
+  insertThreaded(vt, vFirst, 2);
+  insertThreaded(vt, vSecond, 2);
+  EXPECT_TRUE(support::isDelaunayOf(vt, support::joined(vFirst, vSecond)));
+}
+
+// Fewer points than threads, and all-coplanar input, take the usual road.
+TEST(Threads, TinyAndFlatInputsWork) {
+  Velm_3D vt;
+  insertThreaded(vt, support::grid(2), 8);
+  EXPECT_TRUE(support::isDelaunayOf(vt, support::grid(2)));
+  Velm_3D flat;
+  std::vector<Point3> vFlat;
+  for (int i = 0; i < 5000; ++i) vFlat.emplace_back(i % 71, i / 71, 0.0);
+  insertThreaded(flat, vFlat, 8);
+  EXPECT_FALSE(flat.is3D());
+}
+
+// A stop by the progress callback leaves a Delaunay mesh of what the threads
+// inserted; the row intake completes it.
+TEST(Threads, AStopOnThreadsLeavesAValidMeshThatInsertRowsCompletes) {
+  std::vector<Point3> v = support::randomPoints(60000, 8);
+  Velm_3D vt;
+  vt.setNumThreads(2);
+  unsigned long numCalls = 0;
+  vt.setProgressCallback([](void* pUser, unsigned long numDone, unsigned long) {
+    return ++*static_cast<unsigned long*>(pUser) < 8 || numDone < 10000; }, &numCalls);
+  captured([&] { vt.insert(v); });
+  std::vector<Point3*> vStored, vInMesh;
+  vt.getVertices(vStored);
+  std::copy_if(vStored.begin(), vStored.end(), std::back_inserter(vInMesh), [](Point3* p) { return p->getOneTet(); });
+  EXPECT_TRUE(vInMesh.size() > 10000 && vInMesh.size() < v.size()) << vInMesh.size();
+  EXPECT_EQ(exact::checkDelaunay(vt, &vInMesh), "");
+  vt.setProgressCallback(nullptr, nullptr);
+  std::vector<Point3*> vHandles;
+  vt.insertRows(nullptr, 0, vHandles);
+  EXPECT_TRUE(support::isDelaunayOf(vt, v));
+}
+
+// A negative count is an assertion report and changes nothing; 0 means every
+// hardware thread.
+TEST(Threads, NegativeCountIsReportedAndZeroMeansEveryHardwareThread) {
+  Velm_3D vt;
+  vt.setNumThreads(3);
+  EXPECT_THROW(captured([&] { vt.setNumThreads(-1); }), VelmException);
+  EXPECT_TRUE(support::contains(VelmException::lastReport(), "Condition [ n>=0 failed ]"));
+  EXPECT_EQ(vt.getNumThreads(), 3);
+  vt.setNumThreads(0);
+  EXPECT_EQ(vt.getNumThreads(), std::max(1, static_cast<int>(std::thread::hardware_concurrency())));
 }
