@@ -19,13 +19,12 @@
 // depend on that number. The one library call among them is the exact
 // sphere test, through a read-only ExactTest.
 //
-// The library keeps process-wide state (tetrahedron labels, the vertex
-// store's statics, std::cout), so every call into it holds libraryMutex. The
-// mutex is only ever taken with the GIL released: the insertion's progress
-// callback takes the GIL while the mutex is held, and the opposite order in
-// another thread would deadlock. What the library prints goes to a sink for
-// the duration of a call, unless verbose; an assertion's report comes from
-// VelmException::lastReport.
+// Two triangulations may work at once in two threads; the calls on one
+// Triangulation take its own mutex. The mutex is only ever taken with the
+// GIL released: the insertion's progress callback takes the GIL while the
+// mutex is held, and the opposite order in another thread would deadlock.
+// What the library prints goes to a sink while any non-verbose call runs;
+// an assertion's report comes from VelmException::lastReport.
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 
@@ -57,8 +56,6 @@ namespace py = pybind11;
 using namespace VELM3D;
 
 namespace {
-
-std::mutex libraryMutex;
 
 // Row and simplex counts up to this limit get int32 indices, larger ones
 // int64. Tests lower it to reach the int64 path with small inputs.
@@ -105,21 +102,28 @@ private:
 // For the life of one call into the library: unless verbose, std::cout and
 // std::cerr (the only ways it writes) write nowhere, and their state is
 // restored afterwards (a stopped timer would leave std::cout in fixed
-// notation otherwise).
+// notation otherwise). Calls overlap in threads: the first guard to come
+// silences the streams, the last to go restores them (a verbose call that
+// overlaps a silent one prints nothing meanwhile).
 class ConsoleGuard {
 public:
-  explicit ConsoleGuard(bool bVerbose)
-      : pOldOut(std::cout.rdbuf()), pOldErr(std::cerr.rdbuf()), oldFlags(std::cout.flags()),
-        oldPrecision(std::cout.precision()) {
-    if (bVerbose) return;
-    std::cout.rdbuf(&sink);
-    std::cerr.rdbuf(&sink);
+  explicit ConsoleGuard(bool bVerbose) : bActive(!bVerbose) {
+    if (!bActive) return;
+    std::lock_guard<std::mutex> lock(state().mutex);
+    if (state().numActive++ > 0) return;
+    state().pOldOut = std::cout.rdbuf(&state().sink);
+    state().pOldErr = std::cerr.rdbuf(&state().sink);
+    state().oldFlags = std::cout.flags();
+    state().oldPrecision = std::cout.precision();
   }
   ~ConsoleGuard() {
-    std::cout.rdbuf(pOldOut);
-    std::cerr.rdbuf(pOldErr);
-    std::cout.flags(oldFlags);
-    std::cout.precision(oldPrecision);
+    if (!bActive) return;
+    std::lock_guard<std::mutex> lock(state().mutex);
+    if (--state().numActive > 0) return;
+    std::cout.rdbuf(state().pOldOut);
+    std::cerr.rdbuf(state().pOldErr);
+    std::cout.flags(state().oldFlags);
+    std::cout.precision(state().oldPrecision);
     std::cout.clear();
     std::cerr.clear();
   }
@@ -133,11 +137,20 @@ private:
     int overflow(int c) override { return traits_type::not_eof(c); }
     std::streamsize xsputn(const char*, std::streamsize n) override { return n; }
   };
-  std::streambuf* pOldOut;
-  std::streambuf* pOldErr;
-  std::ios_base::fmtflags oldFlags;
-  std::streamsize oldPrecision;
-  Sink sink;
+  struct State {
+    std::mutex mutex;
+    int numActive = 0;
+    std::streambuf* pOldOut = nullptr;
+    std::streambuf* pOldErr = nullptr;
+    std::ios_base::fmtflags oldFlags{};
+    std::streamsize oldPrecision = 0;
+    Sink sink;
+  };
+  static State& state() {
+    static State* pState = new State(); // never destroyed: guards may run at exit
+    return *pState;
+  }
+  bool bActive;
 };
 
 // A Python exception caught on the library's side of a call (the interrupt,
@@ -286,7 +299,6 @@ class Triangulation {
 public:
   explicit Triangulation(bool bVerbose_) : bVerbose(bVerbose_) {
     GilRelease nogil;
-    std::lock_guard<std::mutex> lock(libraryMutex);
     ConsoleGuard console(bVerbose);
     pVelm.reset(new Velm_3D());
   }
@@ -294,18 +306,18 @@ public:
   ~Triangulation() {
     // Destroying a large mesh prints (the pools count their blocks), so it
     // happens under the mutex with the console guarded. The GIL is given up
-    // only if another thread is inside the library, which can't be the case
+    // only if another thread is inside this object, which can't be the case
     // at interpreter exit.
     const auto destroy = [this] {
       ConsoleGuard console(bVerbose);
       release();
     };
-    if (libraryMutex.try_lock()) {
+    if (mutex.try_lock()) {
       destroy();
-      libraryMutex.unlock();
+      mutex.unlock();
     } else {
       GilRelease nogil;
-      std::lock_guard<std::mutex> lock(libraryMutex);
+      std::lock_guard<std::mutex> lock(mutex);
       destroy();
     }
   }
@@ -317,10 +329,8 @@ public:
   // arrays of the whole triangulation: (simplices, neighbors,
   // vertex_of_point, coplanar). Bad rows raise ValueError before anything is
   // stored; an interrupt or a library failure closes the object. The
-  // library's insertion is one-threaded: numWorkers (validated by the
-  // caller) is for the day it is not.
-  py::tuple insert(const py::array_t<double, py::array::c_style>& xyz, py::object progress,
-                   [[maybe_unused]] int numWorkers) {
+  // insertion runs on numWorkers threads (validated by the caller).
+  py::tuple insert(const py::array_t<double, py::array::c_style>& xyz, py::object progress, int numWorkers) {
     int64_t n = 0;
     const double* pXyz = rowsOf(xyz, n);
     ProgressContext context{progress, PendingError()};
@@ -329,6 +339,7 @@ public:
     bool bInt64 = false;
     callLibrary(context, true, [&](Failure& failure) {
       if (!rowsInDomain(pXyz, n, failure)) return;
+      pVelm->setNumThreads(numWorkers);
       insertRows(pXyz, n, context);
       if (context.pending.isSet() || context.bAbandoned) return;
       bInt64 = static_cast<int64_t>(vHandles.size()) > int32Limit || !numberAndFill(arrays32);
@@ -375,7 +386,7 @@ public:
   // Releases the mesh; the arrays handed out stay valid.
   void close() {
     GilRelease nogil;
-    std::lock_guard<std::mutex> lock(libraryMutex);
+    std::lock_guard<std::mutex> lock(mutex);
     ConsoleGuard console(bVerbose);
     release();
   }
@@ -391,7 +402,7 @@ public:
   }
 
 private:
-  // Runs work(failure) with the GIL released, under the library mutex and
+  // Runs work(failure) with the GIL released, under the object's mutex and
   // with the console caught. A bad row, an interrupt, an assertion report or
   // exhausted memory comes out as the matching Python exception; after the
   // last three, bCloseOnFailure releases the mesh, whose state is unknown.
@@ -401,7 +412,7 @@ private:
     Failure failure;
     {
       GilRelease nogil;
-      std::lock_guard<std::mutex> lock(libraryMutex);
+      std::lock_guard<std::mutex> lock(mutex);
       ConsoleGuard console(bVerbose);
       try {
         work(failure);
@@ -558,6 +569,7 @@ private:
   std::vector<int> vRepresentative; // and that vertex's customIndex
   bool bVerbose;
   unsigned generation = 0; // of the tetrahedron numbering
+  std::mutex mutex;        // one call at a time on this object
 };
 
 // ---------------------------------------------------------------------------
@@ -1203,7 +1215,6 @@ int orientationSign(const py::array_t<double, py::array::c_style | py::array::fo
   const double* p = abcd.data();
   const Point3 pa(p[0], p[1], p[2]), pb(p[3], p[4], p[5]), pc(p[6], p[7], p[8]), pd(p[9], p[10], p[11]);
   GilRelease nogil;
-  std::lock_guard<std::mutex> lock(libraryMutex);
   static const ExactTest predicates;
   switch (predicates.getOrientation3(&pa, &pb, &pc, &pd)) {
   case ORIENTATION3_POSITIVE: return 1;

@@ -204,3 +204,25 @@ def test_insertion_releases_the_gil_and_threads_take_turns(rng):
         w.join()
     for k in range(4):
         assert_delaunay(results[k], points[k::4][:4000])
+
+
+def test_two_triangulations_run_at_once_in_two_threads(rng, monkeypatch):
+    # The progress reports of two insertions interleave only when both are
+    # inside the library at the same time.
+    from velm3d import _delaunay
+    reports = []
+    monkeypatch.setattr(_delaunay._ProgressBar, "__call__",
+                        lambda self, done, total: reports.append(threading.get_ident()) or True)
+    clouds = [rng.uniform(0, 1, (120000, 3)) for _ in range(2)]
+    results = {}
+    threads = [threading.Thread(target=lambda k=k: results.update({k: velm3d.Delaunay(clouds[k], progress=True,
+                                                                                         workers=2)}))
+               for k in range(2)]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+    switches = sum(a != b for a, b in zip(reports, reports[1:]))
+    assert switches >= 2, reports
+    for k in range(2):
+        assert_delaunay(results[k], clouds[k])
