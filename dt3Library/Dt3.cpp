@@ -56,6 +56,11 @@ Dt3::~Dt3() {
   // with all vertices, the arrays, then the tetrahedron and registry pools.
 }
 
+void Dt3::takeLabelBlock() {
+  nextLabel = Tet3::takeLabelBlock(labelBlockSize);
+  labelEnd = nextLabel + labelBlockSize;
+}
+
 Tet3* Dt3::newTetFromPool() {
   Tet3* ret = poolTet.nextObject();
   VELM_ASSERT(ret!=NULL);

@@ -194,7 +194,8 @@ public:
 
   // Making and retiring tetrahedra.
   Tet3* createInitialTet();
-  Tet3* createTet(Point3* a, Point3* b, Point3* c, Point3* d) {
+  // Forced in line: the cavity loop makes one per boundary facet.
+  [[gnu::always_inline]] Tet3* createTet(Point3* a, Point3* b, Point3* c, Point3* d) {
     Tet3* ret;
     if (!vDoomedPrev.empty()) {
       ret = vDoomedPrev.back();
@@ -208,12 +209,10 @@ public:
   // The next label of this triangulation's block, a new block when it is
   // used up.
   int takeLabel() {
-    if (nextLabel == labelEnd) {
-      nextLabel = Tet3::takeLabelBlock(labelBlockSize);
-      labelEnd = nextLabel + labelBlockSize;
-    }
+    if (__builtin_expect(nextLabel == labelEnd, 0)) takeLabelBlock();
     return nextLabel++;
   }
+  void takeLabelBlock();
   static constexpr int labelBlockSize = 4096;
   Tet3* createTet(Tet3* pTet, int ith, Point3* pVtx) {
     const int* fi = Tet3::facetIndices[(ith >= 0 && ith < 3) ? ith : 3];
