@@ -65,6 +65,14 @@ inline double perm3(const Row<double>& a, const Row<double>& b, const Row<double
          fabs(a[2]) * (fabs(b[0] * c[1]) + fabs(b[1] * c[0]));
 }
 
+// The 4x4 determinant of the rows r[i] extended by w[i], expanded along its
+// last column: the published insphere determinant when r[i] = p_i - e and
+// w[i] = |r[i]|^2.
+template <class T> T liftedRows(const Row<T> r[4], const T w[4]) {
+  return T(-w[0] * det3(r[1], r[2], r[3]) + w[1] * det3(r[0], r[2], r[3]) - w[2] * det3(r[0], r[1], r[3]) +
+           w[3] * det3(r[0], r[1], r[2]));
+}
+
 // The published insphere determinant of (p0, p1, p2, p3, e), expanded along
 // its lifted column; with T = double, perm receives the bound of its terms.
 template <class T> T lifted(const Point3* const p[4], const Point3& e, double* perm) {
@@ -78,8 +86,7 @@ template <class T> T lifted(const Point3* const p[4], const Point3& e, double* p
     *perm = 0.0;
     for (int i = 0; i < 4; ++i) *perm += std::fabs(w[i]) * perm3(r[(i + 1) % 4], r[(i + 2) % 4], r[(i + 3) % 4]);
   }
-  return T(-w[0] * det3(r[1], r[2], r[3]) + w[1] * det3(r[0], r[2], r[3]) - w[2] * det3(r[0], r[1], r[3]) +
-           w[3] * det3(r[0], r[1], r[2]));
+  return liftedRows(r, w);
 }
 
 // The sign of det in double, when every entry of the rows is 0 or of

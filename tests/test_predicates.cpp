@@ -43,33 +43,19 @@ using Pts = double[5][3];
 // each row extended by its squared length when bLift, on the integer images:
 // the published orient2d, orient3d, incircle and insphere determinant for
 // (n, dim, bLift) = (3,2,0), (4,3,0), (4,2,1), (5,3,1) times 2^(-emin
-// degree). Bareiss elimination.
+// degree).
 mpz_class scaledDet(const Pts p, int n, int dim, bool bLift, int* pEmin = nullptr) {
-  mpz_class z[15], m[4][4], prev = 1;
+  mpz_class z[15], w[4];
+  exact::Row<mpz_class> r[4];
   const int emin = toIntegers(&p[0][0], 15, z);
   if (pEmin != nullptr) *pEmin = emin;
-  const int size = n - 1;
-  for (int i = 0; i < size; ++i) {
-    m[i][dim] = 0;
-    for (int k = 0; k < dim; ++k) {
-      m[i][k] = z[3 * i + k] - z[3 * (n - 1) + k];
-      if (bLift) m[i][dim] += m[i][k] * m[i][k];
-    }
+  for (int i = 0; i + 1 < n; ++i) {
+    for (int k = 0; k < dim; ++k) r[i][k] = z[3 * i + k] - z[3 * (n - 1) + k];
+    w[i] = r[i][0] * r[i][0] + r[i][1] * r[i][1] + r[i][2] * r[i][2];
+    if (dim == 2) r[i][2] = w[i];  // incircle: the lift is the third column
   }
-  int sign = 1;
-  for (int k = 0; k + 1 < size; ++k) {
-    int piv = k;
-    while (piv < size && m[piv][k] == 0) ++piv;
-    if (piv == size) return 0;
-    if (piv != k) {
-      std::swap(m[piv], m[k]);
-      sign = -sign;
-    }
-    for (int i = k + 1; i < size; ++i)
-      for (int j = k + 1; j < size; ++j) m[i][j] = (m[i][j] * m[k][k] - m[i][k] * m[k][j]) / prev;
-    prev = m[k][k];
-  }
-  return sign * m[size - 1][size - 1];
+  if (n == 3) return r[0][0] * r[1][1] - r[0][1] * r[1][0];
+  return bLift && dim == 3 ? exact::liftedRows(r, w) : exact::det3(r[0], r[1], r[2]);
 }
 
 int exactSign(const Pts p, int n, int dim, bool bLift) { return sgn(scaledDet(p, n, dim, bLift)); }
@@ -317,9 +303,6 @@ TEST(Orientation3, PositiveWhenDSeesAbcCounterclockwise) {
   EXPECT_EQ(t.getOrientation3(&b, &a, &c, &d), ORIENTATION3_NEGATIVE);
   EXPECT_EQ(t.getOrientation3(&a, &b, &c, &inPlane), ORI3_ZERO);
   EXPECT_EQ(t.getOrientation3(&a, &b, &c, &dupA), ORI3_ZERO);
-  double pa[3] = {0, 0, 0}, pb[3] = {1, 0, 0}, pc[3] = {0, 1, 0}, pd[3] = {0, 0, 1}, pe[3] = {0.3, 0.4, 0.0};
-  EXPECT_LT(t.orient3d(pa, pb, pc, pd), 0.0);  // the published sign is the opposite
-  EXPECT_EQ(t.orient3d(pa, pb, pc, pe), 0.0);  // undecided by the filter, exact zero
   EXPECT_EQ(t.getOriString(ORIENTATION3_POSITIVE), "ORI3_ORIENTATION3_POSITIVE");
   EXPECT_EQ(t.getOriString(ORIENTATION3_NEGATIVE), "ORI3_ORIENTATION3_NEGATIVE");
   EXPECT_EQ(t.getOriString(ORI3_ZERO), "ORI3_ZERO");
@@ -347,66 +330,43 @@ TEST(Orientation3, EachFacetHasItsOppositeCornerOnThePositiveSide) {
 
 // A cube of side 2^50 at offset 2^51: corners a, b, c, d of a positive
 // tetrahedron and the far corner lie on one sphere; a last-bit step of the
-// far corner's z leaves the filter undecided.
-class SphereTest : public ::testing::Test {
-protected:
-  void SetUp() override {
-    pool.init(4, 4);
-    pTet = pool.nextObject();
-    pTet->setProperties(&a, &b, &c, &d);
-  }
-  static constexpr double O = 0x1p51, L = 0x1p51 + 0x1p50;
-  ExactTest t;
+// far corner's z leaves the filter undecided. A corner is SIC_CORNER only by
+// pointer; a copy of it is on the sphere. In the published order (b, a, c, d
+// has a positive orient3d) the adaptive stages answer classes: 1 inside,
+// 0 outside, 2 on the sphere.
+TEST(SphereTest, InsideOnlyWhenStrictlyInsideThePositiveTetsSphereAndStagesAnswerClasses) {
+  constexpr double O = 0x1p51, L = 0x1p51 + 0x1p50;
+  const ExactTest t;
   BRIX_TOOLS::SimplePool<Tet3> pool;
-  Point3 a{O, O, O}, b{L, O, O}, c{O, L, O}, d{O, O, L};
-  Point3 on{L, L, L}, in{L, L, std::nextafter(L, 0.0)}, out{L, L, std::nextafter(L, 2 * L)};
-  Tet3* pTet = nullptr;
-};
-
-// A corner is SIC_CORNER only by pointer; a copy of it is on the sphere.
-TEST_F(SphereTest, InsideOnlyWhenStrictlyInsideThePositiveTetsSphere) {
+  pool.init(4, 4);
+  Point3 a{O, O, O}, b{L, O, O}, c{O, L, O}, d{O, O, L}, copyOfA(a), far(-L, -L, -L);
+  Point3 on{L, L, L}, in{L, L, std::nextafter(L, 0.0)}, out{L, L, std::nextafter(L, 2 * L)}, centre(O + 0x1p49, O + 0x1p49, O + 0x1p49);
+  Tet3* pTet = pool.nextObject();
+  pTet->setProperties(&a, &b, &c, &d);
   ASSERT_EQ(t.getOrientation3(&a, &b, &c, &d), ORIENTATION3_POSITIVE);
-  Point3 centre(O + 0x1p49, O + 0x1p49, O + 0x1p49), far(-L, -L, -L), copyOfA(a);
   const std::pair<Point3*, SphereInclusion> vCases[] = {{&in, SIC_INSIDE}, {&out, SIC_OUTSIDE}, {&on, SIC_OUTSIDE},
                                                         {&centre, SIC_INSIDE}, {&far, SIC_OUTSIDE}, {&a, SIC_CORNER},
                                                         {&b, SIC_CORNER}, {&c, SIC_CORNER}, {&d, SIC_CORNER},
                                                         {&copyOfA, SIC_OUTSIDE}};
   for (const auto& [p, want] : vCases) EXPECT_EQ(t.sphereInclusionTest(pTet, p), want) << *p;  // on: class 2, outside
-}
-
-// In the published order (b, a, c, d has a positive orient3d) the adaptive
-// stages answer classes: 1 inside, 0 outside, 2 on the sphere.
-TEST_F(SphereTest, AdaptiveStagesAnswerClassesNotSigns) {
   double pa[3] = {O, O, O}, pb[3] = {L, O, O}, pc[3] = {O, L, O}, pd[3] = {O, O, L};
-  double pOn[3] = {L, L, L}, pIn[3] = {L, L, in.z()}, pOut[3] = {L, L, out.z()}, far[3] = {-O, -O, -O};
+  double pOn[3] = {L, L, L}, pIn[3] = {L, L, in.z()}, pOut[3] = {L, L, out.z()}, pFar[3] = {-O, -O, -O};
   const double permanent = 1.0;  // any bound will do: these differences are exact
-  const std::pair<double*, unsigned> vCases[] = {{pIn, 1u}, {pOut, 0u}, {pOn, 2u}};
-  for (const auto& [pe, cls] : vCases) {
+  for (const auto& [pe, cls] : {std::pair<double*, unsigned>{pIn, 1u}, {pOut, 0u}, {pOn, 2u}}) {
     EXPECT_EQ(t.insphereadapt(pb, pa, pc, pd, pe, permanent), cls);
     EXPECT_EQ(t.insphereexact(pb, pa, pc, pd, pe), cls);
     EXPECT_EQ(t.insphere(pb, pa, pc, pd, pe), static_cast<double>(cls));
   }
-  EXPECT_LT(t.insphere(pb, pa, pc, pd, far), 0.0);  // the filter decides: a signed value
+  EXPECT_LT(t.insphere(pb, pa, pc, pd, pFar), 0.0);  // the filter decides: a signed value
   // A copy of a corner makes the determinant exactly 0, though the
   // differences are not exact and a zero permanent makes the bound 0.
-  double a[3] = {0.1, 0.2, 0.3}, b[3] = {1.3, 0.7, 0.11}, c[3] = {0.77, 1.9, 0.5}, d[3] = {0.3, 0.41, 1.7};
-  for (const double* corner : {a, b, c, d}) {
+  double ga[3] = {0.1, 0.2, 0.3}, gb[3] = {1.3, 0.7, 0.11}, gc[3] = {0.77, 1.9, 0.5}, gd[3] = {0.3, 0.41, 1.7};
+  for (const double* corner : {ga, gb, gc, gd}) {
     double copy[3] = {corner[0], corner[1], corner[2]};
-    EXPECT_EQ(t.insphereexact(a, b, c, d, copy), 2u);
-    EXPECT_EQ(t.insphereadapt(a, b, c, d, copy, 0.0), 2u);
-    EXPECT_EQ(t.insphere(a, b, c, d, copy), 2.0);
+    EXPECT_EQ(t.insphereexact(ga, gb, gc, gd, copy), 2u);
+    EXPECT_EQ(t.insphereadapt(ga, gb, gc, gd, copy, 0.0), 2u);
+    EXPECT_EQ(t.insphere(ga, gb, gc, gd, copy), 2.0);
   }
-}
-
-TEST(PlanarPredicates, PositiveWhenCounterclockwiseAndInsideTheCircle) {
-  ExactTest t;
-  double a[2] = {0, 0}, b[2] = {1, 0}, c[2] = {0, 1}, mid[2] = {0.5, 0.5}, on[2] = {1, 1}, far[2] = {5, 5};
-  // a, b, c run counterclockwise; inside their circle is positive, and the clockwise order flips the sign.
-  const std::pair<double, int> vCases[] = {
-      {t.orient2d(a, b, c), 1},        {t.orient2d(b, a, c), -1},     {t.orient2d(b, c, mid), 0},
-      {t.incircle(a, b, c, mid), 1},   {t.incircle(a, b, c, far), -1}, {t.incircle(b, a, c, mid), -1},
-      {t.incircle(a, b, c, on), 0}};
-  for (size_t i = 0; i < 7; ++i) EXPECT_EQ(signOf(vCases[i].first), vCases[i].second) << "case " << i;
 }
 
 // An isosceles trapezoid is cocircular. Of the differences to d = (q, 1) of

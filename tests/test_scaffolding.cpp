@@ -104,9 +104,6 @@ TEST(Queries, PairSharingAFacet) {
   EXPECT_TRUE(m.t1->getOppVtxInOppTet(hull, true) == nullptr && m.t1->debug_getOppTetIndex(hull) == -1);
   EXPECT_TRUE(m.t1->getIntraTetIndexInOppTetForReg(m.t2, j) == i && m.t1->getIntraTetIndexInOppTetForReg(m.t2, 4) == -1);
   EXPECT_TRUE(Facet3(m.t1, i) == Facet3(m.t2, j) && Facet3(m.t1, hull) != Facet3(m.t2, j));
-  for (int f = 0; f < 4; ++f) // a facet's corners in Facet3's order see the corner off it on their positive side
-    EXPECT_GT(orient(*m.t1->getCorner(Facet3(m.t1, f).getIntraTetIndex(0)), *m.t1->getCorner(Facet3(m.t1, f).getIntraTetIndex(1)),
-                     *m.t1->getCorner(Facet3(m.t1, f).getIntraTetIndex(2)), *m.t1->getCorner(f)), 0) << f;
   // Edge b-c through both tetrahedra, named by the two corners off the edge.
   const Edge3 e1(m.t1, i, m.t1->getIntraTetIndex(m.v[3])), e2(m.t2, j, m.t2->getIntraTetIndex(m.v[3]));
   EXPECT_TRUE(e1 == e2 && !(e1 < e2) && !(e2 < e1) && e1 != Edge3(m.t1, i, hull));
@@ -264,7 +261,7 @@ TEST(InitialTet, FirstSpanningQuadrupleOfTheStoreOrderInPositiveOrder) {
   EXPECT_TRUE(bSawNegative);
 }
 
-TEST(Tet3Records, EdgeDirectionStreamFormCommonFacetAndFatalChecks) {
+TEST(Tet3Records, EdgeDirectionStreamFormCommonFacetFacetEdgesAndFatalChecks) {
   Pair m(2, 2, 2);
   const Edge3 e01(m.t1, 0, 1), e10(m.t1, 1, 0); // exchanging the two indices reverses the edge
   EXPECT_TRUE(e01.getSourceVtx() == m.t1->getCorner(2) && e01.getTargetVtx() == m.t1->getCorner(3) &&
@@ -282,25 +279,16 @@ TEST(Tet3Records, EdgeDirectionStreamFormCommonFacetAndFatalChecks) {
   EXPECT_FATAL(Tet3::haveCommonFacet(m.t1, i, m.t2, (j + 1) % 4), "Tet3::haveCommonFacet\\(\\) ERROR");
   for (int r = 0; r < 4; ++r) // every rotation and both directions of the shared facet's corners
     EXPECT_TRUE(Tet3::haveCommonFacet(m.t1, i, m.dt.createTet(m.e, m.v[1 + r % 3], m.v[1 + (r + 1 + r / 3) % 3], m.v[1 + (r + 2 - r / 3) % 3]), 0));
-}
-
-// The edges of facet i run round it in the order opposite to the facet's own
-// corner order (that of facetIndices, positive seen from corner i).
-TEST(Tet3Records, FacetEdgesRunRoundTheFacet) {
-  Pair m(2, 2, 2);
-  for (int i = 0; i < 4; ++i) { // a facet's corners, with the opposite corner, are in positive order
-    const Facet3 f(m.t1, i);
-    const int k0 = f.getIntraTetIndex(0), k1 = f.getIntraTetIndex(1), k2 = f.getIntraTetIndex(2);
-    ASSERT_EQ((1 << k0) | (1 << k1) | (1 << k2) | (1 << i), 15) << i; // the three other corners
-    const Point3* c[3] = {m.t1->getCorner(f.getIntraTetIndex(0)), m.t1->getCorner(f.getIntraTetIndex(1)),
-                          m.t1->getCorner(f.getIntraTetIndex(2))};
-    EXPECT_GT(orient(*c[0], *c[1], *c[2], *m.t1->getCorner(i)), 0) << i;
+  // The edges of facet i run round it in the order opposite to the facet's
+  // own corner order (that of facetIndices, positive seen from corner i).
+  for (int ith = 0; ith < 4; ++ith) { // a facet's corners, with the opposite corner, are in positive order
+    const Facet3 f(m.t1, ith);
+    const int k[3] = {f.getIntraTetIndex(0), f.getIntraTetIndex(1), f.getIntraTetIndex(2)};
+    ASSERT_EQ((1 << k[0]) | (1 << k[1]) | (1 << k[2]) | (1 << ith), 15) << ith; // the three other corners
+    EXPECT_GT(orient(*m.t1->getCorner(k[0]), *m.t1->getCorner(k[1]), *m.t1->getCorner(k[2]), *m.t1->getCorner(ith)), 0) << ith;
+    for (int jth = 0; jth < 3; ++jth)
+      EXPECT_EQ(Tet3::getEdgeIndices(ith, jth), std::make_pair(Tet3::facetIndices[ith][(3 - jth) % 3], Tet3::facetIndices[ith][2 - jth]));
   }
-  for (int i = 0; i < 4; ++i)
-    for (int j = 0; j < 3; ++j) {
-      const std::pair<int, int> e = Tet3::getEdgeIndices(i, j);
-      EXPECT_TRUE(e.first == Tet3::facetIndices[i][(3 - j) % 3] && e.second == Tet3::facetIndices[i][2 - j]) << i << j;
-    }
 }
 
 // The circumcentre is equidistant from the four corners, to a relative

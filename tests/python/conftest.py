@@ -67,20 +67,14 @@ def assert_delaunay(tri, points):
     assert np.array_equal(tri.coplanar[:, 2], expected_vop[dup])
     if tri.nsimplex == 0:
         # Then the distinct points must span no volume: all in the plane of
-        # the first three that are not collinear (if any are).
-        assert not tri.is_3d
-        idx = np.array(sorted(first.values()), dtype=np.int64)
-        if len(idx) >= 4:
-            P = exact_ints(points)
-            a = P[idx[0]]
-            u = P[idx[1]] - a
-            spans = [i for i in idx[2:] if any(x != 0 for x in (
-                u[1] * (P[i][2] - a[2]) - u[2] * (P[i][1] - a[1]),
-                u[2] * (P[i][0] - a[0]) - u[0] * (P[i][2] - a[2]),
-                u[0] * (P[i][1] - a[1]) - u[1] * (P[i][0] - a[0])))]
-            if spans:
-                m = len(idx)
-                assert not orient(P, [idx[0]] * m, [idx[1]] * m, [spans[0]] * m, idx).any()
+        # the first two and the first point off their line (if any is).
+        assert not tri.is_3d and not tri.simplices.size and not tri.convex_hull.size
+        idx, P = sorted(first.values()), exact_ints(points)
+        u = P[idx[1]] - P[idx[0]] if len(idx) > 3 else None  # the cross product u x v is zero on u's line
+        spans = [i for i in idx[2:] if u is not None and any(np.roll(u, -1) * np.roll(P[i] - P[idx[0]], 1)
+                                                             - np.roll(u, 1) * np.roll(P[i] - P[idx[0]], -1))]
+        m = len(idx)
+        assert not spans or not orient(P, [idx[0]] * m, [idx[1]] * m, [spans[0]] * m, idx).any()
         return
     P = exact_ints(points)
     assert set(np.unique(S)) == set(first.values()), "not every distinct point is a vertex"

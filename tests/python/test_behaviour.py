@@ -24,16 +24,11 @@ def run_child(code, **kwargs):
                           text=True, timeout=120, **kwargs)
 
 
-@pytest.mark.parametrize("bad, row, words", [
-    (np.nan, 3, "not finite"),
-    (np.inf, 3, "not finite"),
-    (-np.inf, 3, "not finite"),
-])
-def test_coordinates_out_of_the_exact_domain_name_the_first_bad_row(bad, row, words):
-    points = np.random.default_rng(1).uniform(-1, 1, (10, 3))
-    points[row, 1] = bad
-    points[row + 2, 0] = bad
-    with pytest.raises(ValueError, match=f"row {row}: .*{words}"):
+@pytest.mark.parametrize("bad", [np.nan, np.inf, -np.inf])
+def test_coordinates_out_of_the_exact_domain_name_the_first_bad_row(bad):
+    points, row = np.random.default_rng(1).uniform(-1, 1, (10, 3)), 3
+    points[row, 1] = points[row + 2, 0] = bad
+    with pytest.raises(ValueError, match=f"row {row}: .*not finite"):
         velm3d.Delaunay(points)
     tri = velm3d.Delaunay(points[:row])
     with pytest.raises(ValueError, match=f"row {row}: "):
