@@ -7,6 +7,7 @@
 #include "ThreadedInsertion.h"
 
 #include <algorithm>
+#include <cmath>
 #include <exception>
 #include <mutex>
 #include <thread>
@@ -20,19 +21,35 @@ namespace {
 // The facet after i, cyclically: the walk tests facets in this order.
 const int nextFacet[4] = {1, 2, 3, 0};
 
-// A thread's rounds stop at this many postponed points per thread, or after
-// this many rounds; one thread inserts what is left.
+// The rounds of a level stop when fewer than this many points per thread
+// are left, after maxRounds rounds, or when a round of two threads inserts
+// less than a tenth of its points; one thread inserts what is left.
 constexpr size_t minPointsPerThread = 256;
-constexpr int maxRounds = 6;
+constexpr int maxRounds = 10;
 
-// The boundaries' offset in round i, as a fraction of a range: 0, then half
-// a range, then steps of the golden ratio. A dyadic sequence would put
-// the boundaries of every round on the planes where the curve's octants
-// meet, and the points there would never be inside a range.
-double roundPhase(int i) {
-  if (i <= 1) return 0.5 * i;
-  const double x = 0.5 + 0.6180339887498949 * (i - 1);
-  return x - static_cast<double>(static_cast<long>(x));
+// The boundaries of a round's numT ranges, as fractions of the curve:
+// (t + phase) / numT for the first phase of 0, 1/2, 1/4, 3/4, 1/8, ... that
+// puts none of them where an earlier round of the level had one (vUsed, to
+// which they are added). Dyadic fractions of the curve are the faces of its
+// cells, so that the ranges stay compact; a boundary used before would meet
+// the points postponed there again.
+std::vector<double> roundBoundaries(size_t numT, std::vector<double>& vUsed) {
+  std::vector<double> vBounds(numT);
+  for (int denominator = 1; denominator <= 64; denominator *= 2) {
+    for (int numerator = (denominator == 1 ? 0 : 1); numerator < denominator; numerator += 2) {
+      const double phase = static_cast<double>(numerator) / denominator;
+      bool bFree = true;
+      for (size_t t = 0; t < numT && bFree; ++t) {
+        vBounds[t] = (static_cast<double>(t) + phase) / static_cast<double>(numT);
+        for (double used : vUsed) bFree = bFree && std::fabs(used - vBounds[t]) > 1e-9;
+      }
+      if (bFree) {
+        vUsed.insert(vUsed.end(), vBounds.begin(), vBounds.end());
+        return vBounds;
+      }
+    }
+  }
+  return vBounds;
 }
 
 } // namespace
@@ -49,14 +66,26 @@ InsertionThread::InsertionThread(const ExactTest& predicates_)
 bool InsertionThread::findStart(const std::vector<Point3*>& vCurve, unsigned int rank) {
   pCur = nullptr;
   const long n = static_cast<long>(vCurve.size());
-  for (long step = 1; step <= 256; ++step) {
+  // A vertex's incident tetrahedron may reach out of the range where the
+  // mesh is coarse or flat; a neighbour across a facet at the vertex may
+  // not. Those links and neighbours keep the owned vertex as a corner, so
+  // that no other thread changes them.
+  const auto ownedNear = [&](const Point3* pVtx, Tet3* pTet) {
+    if (owns(pTet)) return pTet;
+    for (int k = 0; k < 4; ++k) {
+      if (pTet->getCorner(k) == pVtx) continue;
+      Tet3* pNeigh = pTet->getOppTet(k);
+      if (pNeigh != nullptr && owns(pNeigh)) return pNeigh;
+    }
+    return static_cast<Tet3*>(nullptr);
+  };
+  // Outwards along the curve; in a coarse level most ranks near a point
+  // are not in the mesh yet.
+  for (long step = 1; step <= 8192; ++step) {
     for (long r : {static_cast<long>(rank) - step, static_cast<long>(rank) + step}) {
       if (r < 0 || r >= n || !owns(vCurve[r])) continue;
       Tet3* pTet = vCurve[r]->getOneTet();
-      if (pTet != nullptr && owns(pTet)) {
-        pCur = pTet;
-        return true;
-      }
+      if (pTet != nullptr && (pCur = ownedNear(vCurve[r], pTet)) != nullptr) return true;
     }
   }
   return false;
@@ -68,7 +97,7 @@ inline Orientation3 InsertionThread::orientation(Tet3* pTet, int ith, const Poin
 
 // The visibility walk of Dt3::locateConflictTet on owned tetrahedra: it
 // stops as walkPostponed at the first neighbour that is not wholly owned
-// (or when its step limit runs out), as walkHull at the hull.
+// (or when its step limit runs out).
 int InsertionThread::locate(const Point3* pVtx, Tet3*& pTet, bool bFloorFree) const {
   int ith = 0;
   int numFacetsLeft = 4;
@@ -76,7 +105,7 @@ int InsertionThread::locate(const Point3* pVtx, Tet3*& pTet, bool bFloorFree) co
     const Orientation3 ori = orientation(pTet, ith, pVtx, bFloorFree);
     if (ori == ORIENTATION3_NEGATIVE) {
       Tet3* pNext = pTet->getOppTet(ith);
-      if (pNext == nullptr) return walkHull;
+      if (pNext == nullptr) return ith;
       if (!owns(pNext)) return walkPostponed;
       const int entry = pNext->getIntraTetIndex(pTet);
       pTet = pNext;
@@ -97,11 +126,11 @@ int InsertionThread::locate(const Point3* pVtx, Tet3*& pTet, bool bFloorFree) co
 // The point lies in the plane of facet ith (Dt3::coplanarCase): on a corner,
 // in the closed tetrahedron, or the walk goes on (walkPostponed here means
 // "go on"). A point on an edge is in conflict unless the edge is on the hull;
-// the tetrahedra round the edge share its two owned corners.
-int InsertionThread::onFacetPlane(const Point3* pVtx, Tet3* pTet, int ith, bool bFloorFree) const {
+// then pTet becomes the tetrahedron round the edge with a hull facet at it.
+// The tetrahedra round the edge share its two owned corners.
+int InsertionThread::onFacetPlane(const Point3* pVtx, Tet3*& pTet, int ith, bool bFloorFree) const {
   if (pTet->hasVertex(*pVtx)) return locateOnVertex;
-  int numPositive = 0, numNegative = 0, opp2ICI = -1;
-  bool bOnHull = false;
+  int numPositive = 0, numNegative = 0, opp2ICI = -1, hullIndex = -1;
   for (int k = 0; k < 4; ++k) {
     const Orientation3 oriK = orientation(pTet, k, pVtx, bFloorFree);
     if (oriK == ORIENTATION3_POSITIVE) {
@@ -109,12 +138,12 @@ int InsertionThread::onFacetPlane(const Point3* pVtx, Tet3* pTet, int ith, bool 
     } else if (oriK == ORIENTATION3_NEGATIVE) {
       ++numNegative;
     } else {
-      bOnHull = bOnHull || pTet->getOppTet(k) == nullptr;
+      if (pTet->getOppTet(k) == nullptr) hullIndex = k;
       if (k != ith) opp2ICI = k;
     }
   }
   if (numNegative > 0) return walkPostponed;
-  if (numPositive == 3) return bOnHull ? walkHull : locateInConflict;
+  if (numPositive == 3) return hullIndex >= 0 ? hullIndex : locateInConflict;
   VELM_ASSERT(numPositive==2);
   const Edge3 startEdge(pTet, ith, opp2ICI);
   TetAroundEdgeIterator it(startEdge);
@@ -122,34 +151,92 @@ int InsertionThread::onFacetPlane(const Point3* pVtx, Tet3* pTet, int ith, bool 
     ++it;
     if (it.getEdge() == startEdge && it.getTet() == startEdge.getTet()) return locateInConflict;
   }
-  return walkHull;
+  pTet = it.getTet();
+  return it.getOpp2Index();
 }
 
-bool InsertionThread::gatherCavity(Tet3* pTet, const Point3* pVtx, bool bFloorFree) {
-  vCavity.clear();
-  pTet->hasBeenVisited = true;
-  vCavity.push_back(pTet);
-  for (size_t i = 0; i < vCavity.size(); ++i) {
-    Tet3* pCavTet = vCavity[i];
+bool InsertionThread::floodCavity(const Point3* pVtx, bool bFloorFree) {
+  vStack.assign(vCavity.begin(), vCavity.end());
+  while (!vStack.empty()) {
+    Tet3* pCavTet = vStack.back();
+    vStack.pop_back();
     for (int k = 0; k < 4; ++k) __builtin_prefetch(pCavTet->getOppTet(k));
     for (int ith = 3; ith >= 0; --ith) {
       Tet3* pOppTet = pCavTet->getOppTet(ith);
-      if (pOppTet == nullptr || pOppTet->hasBeenVisited) continue;
+      if (pOppTet == nullptr) {
+        vBoundary.push_back({pCavTet, nullptr, ith});
+        continue;
+      }
+      if (pOppTet->hasBeenVisited) continue;
       const SphereInclusion sic = bFloorFree ? sphereInclusionOf<true>(predicates, pOppTet, pVtx)
                                              : predicates.sphereInclusionTest(pOppTet, pVtx);
-      if (sic == SIC_OUTSIDE) continue;
+      if (sic == SIC_OUTSIDE) {
+        vBoundary.push_back({pCavTet, pOppTet, ith});
+        continue;
+      }
       if (!owns(pOppTet)) {
         for (Tet3* pMarked : vCavity) pMarked->hasBeenVisited = false;
         return false;
       }
       pOppTet->hasBeenVisited = true;
       vCavity.push_back(pOppTet);
+      vStack.push_back(pOppTet);
     }
   }
   return true;
 }
 
-inline Tet3* InsertionThread::createTet(Tet3* pTet, int ith, Point3* pVtx) {
+// Dt3::ch_getVisibleTets and extractVisibleStayAndToBeDoomed with ownership
+// tests and without a node-based set: the hull edges already met are few.
+bool InsertionThread::gatherHull(Tet3* pTet, int ith, const Point3* pVtx, bool bFloorFree) {
+  if (!owns(pTet)) return false;
+  vStay.clear();
+  vStay.push_back(pTet);
+  vEdgeStack.clear();
+  vEdgesSeen.clear();
+  const auto pushEdges = [&](Tet3* pHullTet, int hullFacet) {
+    for (int k = 0; k < 4; ++k) {
+      if (k == hullFacet) continue;
+      const Edge3 e = pHullTet->getEdge(hullFacet, k);
+      const std::pair<Point3*, Point3*> ends = std::minmax(e.getSourceVtx(), e.getTargetVtx());
+      if (std::find(vEdgesSeen.begin(), vEdgesSeen.end(), ends) != vEdgesSeen.end()) continue;
+      vEdgesSeen.push_back(ends);
+      vEdgeStack.push_back(e);
+    }
+  };
+  pushEdges(pTet, ith);
+  while (!vEdgeStack.empty()) {
+    TetAroundEdgeIterator it(vEdgeStack.back());
+    vEdgeStack.pop_back();
+    while (it.getTet()->getOppTet(it.getOpp2Index()) != nullptr) ++it;
+    Tet3* pHullTet = it.getTet();
+    const int hullFacet = it.getOpp2Index();
+    if (orientation(pHullTet, hullFacet, pVtx, bFloorFree) != ORIENTATION3_NEGATIVE) continue;
+    if (!owns(pHullTet)) return false;
+    pushEdges(pHullTet, hullFacet);
+    vStay.push_back(pHullTet);
+  }
+  oneInstance(vStay);
+
+  // Those in conflict start the cavity.
+  vCavity.clear();
+  size_t numStay = 0;
+  for (Tet3* pHullTet : vStay) {
+    const SphereInclusion sic = bFloorFree ? sphereInclusionOf<true>(predicates, pHullTet, pVtx)
+                                           : predicates.sphereInclusionTest(pHullTet, pVtx);
+    if (sic == SIC_OUTSIDE) {
+      vStay[numStay++] = pHullTet;
+    } else {
+      pHullTet->hasBeenVisited = true;
+      vCavity.push_back(pHullTet);
+    }
+  }
+  vStay.resize(numStay);
+  vBoundary.clear();
+  return floodCavity(pVtx, bFloorFree);
+}
+
+inline Tet3* InsertionThread::createTet(Point3* a, Point3* b, Point3* c, Point3* d) {
   Tet3* pNew;
   if (!vDoomedPrev.empty()) {
     pNew = vDoomedPrev.back();
@@ -161,45 +248,86 @@ inline Tet3* InsertionThread::createTet(Tet3* pTet, int ith, Point3* pVtx) {
     nextLabel = Tet3::takeLabelBlock(Dt3::labelBlockSize);
     labelEnd = nextLabel + Dt3::labelBlockSize;
   }
-  const int* fi = Tet3::facetIndices[ith];
-  pNew->setProperties(pVtx, pTet->getCorner(fi[0]), pTet->getCorner(fi[1]), pTet->getCorner(fi[2]), nextLabel++);
+  pNew->setProperties(a, b, c, d, nextLabel++);
   return pNew;
+}
+
+void InsertionThread::retireCavity() {
+  for (Tet3* pCavTet : vCavity) {
+    pCavTet->setCustomIndex(-1);
+    vDoomed.push_back(pCavTet);
+  }
+  numInserted.store(numInserted.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}
+
+// Dt3::glueTetsToVisibleKeptOnes and glueTetsToBackSidesOfDoomedOnes; the
+// facets still open at the end are the new hull facets.
+void InsertionThread::insertOnHull(Point3* pVtx, bool bFloorFree) {
+  vDoomed.swap(vDoomedPrev);
+  registry.startInsertion();
+  Tet3* pNewTet = nullptr;
+  for (Tet3* pHullTet : vStay) {
+    for (int k = 0; k < 4; ++k) {
+      if (pHullTet->getOppTet(k) != nullptr || orientation(pHullTet, k, pVtx, bFloorFree) != ORIENTATION3_NEGATIVE)
+        continue;
+      // Beyond facet k: the facet's corners in the other turn.
+      const int* fi = Tet3::facetIndices[k];
+      pNewTet = createTet(pVtx, pHullTet->getCorner(fi[0]), pHullTet->getCorner(fi[2]), pHullTet->getCorner(fi[1]));
+      registry.glue(pNewTet, pHullTet, k);
+    }
+  }
+  for (Tet3* pCavTet : vCavity) {
+    for (int k = 0; k < 4; ++k) {
+      // A facet seen from outside goes with the tetrahedron; a facet in the
+      // point's plane would give a flat one.
+      if (orientation(pCavTet, k, pVtx, bFloorFree) != ORIENTATION3_POSITIVE) continue;
+      Tet3* pOppTet = pCavTet->getOppTet(k);
+      if (pOppTet != nullptr && pOppTet->hasBeenVisited) continue;
+      pNewTet = createTet(pCavTet, k, pVtx);
+      registry.glue(pNewTet, pOppTet, pOppTet != nullptr ? pOppTet->getIntraTetIndex(pCavTet) : -1);
+    }
+  }
+  retireCavity();
+  registry.finalPass();
+  registry.clear();
+  VELM_ASSERT(pNewTet!=NULL);
+  pCur = pNewTet;
 }
 
 InsertionThread::Outcome InsertionThread::insert(Point3*& pVtx, bool bFloorFree) {
   Tet3* pTet = pCur;
   const int where = locate(pVtx, pTet, bFloorFree);
   if (where == walkPostponed) return POSTPONED;
-  if (where == walkHull) return HULL;
+  if (where >= 0) {
+    if (!gatherHull(pTet, where, pVtx, bFloorFree)) return POSTPONED;
+    insertOnHull(pVtx, bFloorFree);
+    return INSERTED;
+  }
   pCur = pTet;
   if (where == locateOnVertex) {
     for (int i = 0; i < 4; ++i)
       if (*pTet->getCorner(i) == *pVtx) pVtx = pTet->getCorner(i);
     return INSERTED;
   }
-  if (!gatherCavity(pTet, pVtx, bFloorFree)) return POSTPONED;
+  vCavity.clear();
+  vBoundary.clear();
+  pTet->hasBeenVisited = true;
+  vCavity.push_back(pTet);
+  if (!floodCavity(pVtx, bFloorFree)) return POSTPONED;
 
   // The records retired by the previous insertion are reused; this one's
   // are still read while the new tetrahedra are made.
   vDoomed.swap(vDoomedPrev);
   registry.startInsertion();
   Tet3* pNewTet = nullptr;
-  for (Tet3* pCavTet : vCavity) {
-    for (int ith = 3; ith >= 0; --ith) {
-      Tet3* pOppTet = pCavTet->getOppTet(ith);
-      if (pOppTet != nullptr && pOppTet->hasBeenVisited) continue;
-      pNewTet = createTet(pCavTet, ith, pVtx);
-      registry.glue(pNewTet, pOppTet, pOppTet != nullptr ? pOppTet->getIntraTetIndex(pCavTet) : -1);
-    }
+  for (const BoundaryFacet& f : vBoundary) {
+    pNewTet = createTet(f.pCavTet, f.ith, pVtx);
+    registry.glue(pNewTet, f.pOppTet, f.pOppTet != nullptr ? f.pOppTet->getIntraTetIndex(f.pCavTet) : -1);
   }
-  for (Tet3* pCavTet : vCavity) {
-    pCavTet->setCustomIndex(-1);
-    vDoomed.push_back(pCavTet);
-  }
+  retireCavity();
   registry.finalPass();
   VELM_ASSERT(registry.getNumOpen()==0);
   pCur = pNewTet;
-  numInserted.store(numInserted.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
   return INSERTED;
 }
 
@@ -212,7 +340,6 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
   while (vThreads.size() < maxT) vThreads.emplace_back(new InsertionThread(predicates));
   std::vector<Point3*> vActive;
   vActive.swap(vLevel);
-  std::vector<Point3*> vLeft; // for the one-thread pass
   std::atomic<bool> bStop(false);
   std::mutex errorMutex;
   std::exception_ptr pError;
@@ -220,18 +347,20 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
   const bool bFloorFree = bAllFloorFree;
 
   size_t numT = maxT;
-  for (int round = 0; round < maxRounds && vActive.size() >= minPointsPerThread * numT; ++round) {
+  std::vector<double> vUsedBounds;
+  for (int round = 0; round < maxRounds; ++round) {
+    // Fewer, larger ranges for the fewer points of a late round.
+    while (numT > 2 && vActive.size() < minPointsPerThread * numT) numT = std::max<size_t>(2, numT / 2);
+    if (vActive.size() < minPointsPerThread * numT) break;
     // The ranges split the ranks of all stored vertices evenly; each round
-    // moves their boundaries by a fraction of a range (1/2, 1/4, 3/4, ...),
-    // so that the points postponed at one round's boundaries lie inside a
-    // range in the next (see roundPhase). The last range wraps round the
-    // end of the curve.
+    // moves their boundaries by a fraction of a range, so that the points
+    // postponed at one round's boundaries lie inside a range in the next
+    // (see roundBoundaries). The last range wraps round the end of the curve.
     const size_t m = vActive.size();
-    const double phase = roundPhase(round);
+    const std::vector<double> vBounds = roundBoundaries(numT, vUsedBounds);
     const double numRanks = static_cast<double>(vCurve.size());
     std::vector<unsigned int> vLow(numT);
-    for (size_t t = 0; t < numT; ++t)
-      vLow[t] = static_cast<unsigned int>((static_cast<double>(t) + phase) / static_cast<double>(numT) * numRanks);
+    for (size_t t = 0; t < numT; ++t) vLow[t] = static_cast<unsigned int>(vBounds[t] * numRanks);
     const auto firstFrom = [&](unsigned int rank) {
       return std::lower_bound(vActive.begin(), vActive.end(), rank,
                               [](const Point3* p, unsigned int r) { return p->getCurveRank() < r; });
@@ -261,10 +390,10 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
         for (; i < thread.vMine.size() && !bStop.load(std::memory_order_relaxed); ++i) {
           const InsertionThread::Outcome outcome = thread.insert(thread.vMine[i], bFloorFree);
           if (outcome != InsertionThread::INSERTED) {
-            (outcome == InsertionThread::POSTPONED ? thread.vPostponed : thread.vHull).push_back(thread.vMine[i]);
-            // The walk stopped at a foreign tetrahedron or the hull: the
-            // next point starts from a tetrahedron at its curve neighbours
-            // rather than from the same place.
+            thread.vPostponed.push_back(thread.vMine[i]);
+            // The walk or the cavity met a foreign tetrahedron: the next
+            // point starts from a tetrahedron at its curve neighbours rather
+            // than from the same place.
             if (i + 1 < thread.vMine.size() && !thread.findStart(vCurve, thread.vMine[i + 1]->getCurveRank()) &&
                 !thread.findStart(vCurve, thread.vMine[i]->getCurveRank()))
               thread.findStart(vCurve, thread.vMine[0]->getCurveRank());
@@ -296,8 +425,6 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
       InsertionThread& thread = *vThreads[t];
       numDone += thread.numInserted.load(std::memory_order_relaxed);
       vActive.insert(vActive.end(), thread.vPostponed.begin(), thread.vPostponed.end());
-      vLeft.insert(vLeft.end(), thread.vHull.begin(), thread.vHull.end());
-      thread.vHull.clear();
     }
     const size_t numPostponed = vActive.size();
     if (pError) {
@@ -305,20 +432,21 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
       std::rethrow_exception(pError);
     }
     if (bStop.load()) return nullptr;
-    // A round that inserted less than half of its points met the places
-    // where distant parts of the curve meet, which no split into so many
-    // ranges has inside one range: the rest goes to one thread.
-    if (2 * numPostponed > m) break;
+    // The points left lie where the ranges met. Those between ranges that
+    // follow each other on the curve are inside a range of the next round;
+    // those where distant parts of the curve meet in space need larger
+    // ranges: a round that inserted less than half of its points halves
+    // the thread count, and one of two threads that inserted less than a
+    // tenth leaves the rest to one thread.
+    if (numT == 2 && 10 * numPostponed > 9 * m) break;
+    if (2 * numPostponed > m) numT = std::max<size_t>(2, numT / 2);
     std::sort(vActive.begin(), vActive.end(),
               [](const Point3* a, const Point3* b) { return a->getCurveRank() < b->getCurveRank(); });
-    // Fewer, larger ranges for the fewer points of the next round.
-    numT = std::max<size_t>(2, numT / 2);
   }
 
   // One thread for the rest, as the one-thread road inserts.
-  vLeft.insert(vLeft.end(), vActive.begin(), vActive.end());
   Tet3* pCur = vThreads[0]->getCurrent();
-  for (Point3*& pVtx : vLeft) {
+  for (Point3*& pVtx : vActive) {
     if (pCur == nullptr || pCur->hasBeenVisited) pCur = hc3.getCloseTet(pVtx);
     pCur = insertVertex(pVtx, pCur);
     ++numDone;

@@ -5,9 +5,10 @@
 // inserts the points of its range and owns the vertices of its range: it may
 // change only a tetrahedron whose four corners it owns. A point whose walk or
 // cavity meets a tetrahedron that is not wholly its own is postponed, with
-// nothing changed, to the next round, whose ranges are shifted by half a
-// range; a point whose walk reaches the hull is left to the one-thread pass
-// that ends the level.
+// nothing changed, to the next round, whose range boundaries lie elsewhere on
+// the curve; a round that inserts less than half of its points halves the
+// thread count for the next. A point on or beyond the hull is inserted by the
+// thread too, when the hull tetrahedra it sees and its cavity are its own.
 //
 // Why no lock is needed: another thread u changes a tetrahedron X only by
 // retiring it (all four corners u's) or by linking a neighbour across facet j
@@ -15,9 +16,9 @@
 // corners of thread t is changed by t alone. Thread t stands only on
 // tetrahedra it owns, and what it reads beyond them, the neighbours of an
 // owned tetrahedron and the tetrahedra round one of its edges, has at least
-// two of t's corners. The start of a round reads the corners of the incident
-// tetrahedron of an owned vertex; these never change while the vertex is a
-// corner. The hot path has no lock and no atomic operation; each thread has
+// two of t's corners. The start of a round reads the incident tetrahedron of
+// an owned vertex and its neighbours across the facets at that vertex; these
+// keep the vertex as a corner, so no other thread changes them. The hot path has no lock and no atomic operation; each thread has
 // its own records, retired records, facet registry, cavity and labels.
 #pragma once
 
@@ -30,7 +31,7 @@ namespace VELM3D {
 
 class InsertionThread {
 public:
-  enum Outcome { INSERTED, POSTPONED, HULL };
+  enum Outcome { INSERTED, POSTPONED };
 
   explicit InsertionThread(const ExactTest& predicates);
   InsertionThread(const InsertionThread&) = delete;
@@ -62,22 +63,36 @@ public:
   // The round's input and output.
   std::vector<Point3*> vMine;
   std::vector<Point3*> vPostponed;
-  std::vector<Point3*> vHull;
   // Insertions done in this level; the caller's thread reads it for the
   // progress report while the thread runs.
   std::atomic<unsigned long> numInserted;
 
 private:
-  // The walk's answers besides locateInConflict and locateOnVertex.
+  // The walk's answer besides locateInConflict, locateOnVertex and a hull
+  // facet 0..3 of pTet that the point lies beyond or in the plane of: a
+  // tetrahedron on the way that is not wholly owned.
   static constexpr int walkPostponed = -4;
-  static constexpr int walkHull = -5;
   int locate(const Point3* pVtx, Tet3*& pTet, bool bFloorFree) const;
-  int onFacetPlane(const Point3* pVtx, Tet3* pTet, int ith, bool bFloorFree) const;
+  int onFacetPlane(const Point3* pVtx, Tet3*& pTet, int ith, bool bFloorFree) const;
   Orientation3 orientation(Tet3* pTet, int ith, const Point3* pVtx, bool bFloorFree) const;
-  // Gathers the cavity of pVtx from pTet into vCavity, marked; false, with
-  // the marks taken back, when it reaches a tetrahedron not wholly owned.
-  bool gatherCavity(Tet3* pTet, const Point3* pVtx, bool bFloorFree);
-  Tet3* createTet(Tet3* pTet, int ith, Point3* pVtx);
+  // Grows the marked cavity in vCavity over the neighbours in conflict with
+  // pVtx; false, with the marks taken back, when it reaches a tetrahedron
+  // not wholly owned.
+  bool floodCavity(const Point3* pVtx, bool bFloorFree);
+  // The hull tetrahedra whose hull facets pVtx sees, from facet ith of pTet
+  // (counted as seen: the point may lie in its plane): those in conflict
+  // start the cavity, the others go to vStay. False when one of them is not
+  // wholly owned.
+  bool gatherHull(Tet3* pTet, int ith, const Point3* pVtx, bool bFloorFree);
+  // New tetrahedra on the seen facets of vStay and on the facets of the
+  // cavity that face pVtx; the cavity retires.
+  void insertOnHull(Point3* pVtx, bool bFloorFree);
+  void retireCavity();
+  Tet3* createTet(Point3* a, Point3* b, Point3* c, Point3* d);
+  Tet3* createTet(Tet3* pTet, int ith, Point3* pVtx) {
+    const int* fi = Tet3::facetIndices[ith];
+    return createTet(pVtx, pTet->getCorner(fi[0]), pTet->getCorner(fi[1]), pTet->getCorner(fi[2]));
+  }
 
   unsigned int rangeLow;
   unsigned int rangeWidth;
@@ -87,6 +102,18 @@ private:
   std::vector<Tet3*> vDoomed;
   std::vector<Tet3*> vDoomedPrev;
   std::vector<Tet3*> vCavity;
+  std::vector<Tet3*> vStack;
+  // The cavity's boundary facets as the flood meets them: facet ith of the
+  // cavity's pCavTet, and the tetrahedron beyond it (null on the hull).
+  struct BoundaryFacet {
+    Tet3* pCavTet;
+    Tet3* pOppTet;
+    int ith;
+  };
+  std::vector<BoundaryFacet> vBoundary;
+  std::vector<Tet3*> vStay;
+  std::vector<Edge3> vEdgeStack;
+  std::vector<std::pair<Point3*, Point3*>> vEdgesSeen;
   FacetRegistry registry;
   int nextLabel;
   int labelEnd;

@@ -7,7 +7,8 @@
 #   fuzz    clang with libFuzzer's runtime
 #   ci      valgrind and pkg-config: the memcheck runs and the pkg-config
 #           consumer of the continuous integration
-#   bench   Google Benchmark, the peers CGAL and TetGen, ninja and gnuplot
+#   bench   Google Benchmark, the peers CGAL (with TBB for its parallel mode)
+#           and TetGen, ninja and gnuplot
 #   all     every group
 #
 #   scripts/install_deps.sh group...
@@ -45,7 +46,7 @@ for group in "${groups[@]}"; do
     clang) packages+=(clang) ;;
     fuzz) packages+=(clang libclang-rt-dev) ;;
     ci) packages+=(valgrind pkg-config) ;;
-    bench) packages+=(cmake g++ ninja-build libbenchmark-dev libcgal-dev libgmp-dev libmpfr-dev
+    bench) packages+=(cmake g++ ninja-build libbenchmark-dev libcgal-dev libtbb-dev libgmp-dev libmpfr-dev
                       libboost-dev "$(tetgenDev)" gnuplot-nox) ;;
     *) echo "$0: unknown group '$group'" >&2; exit 2 ;;
   esac
