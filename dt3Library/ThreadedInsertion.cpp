@@ -95,6 +95,10 @@ inline Orientation3 InsertionThread::orientation(Tet3* pTet, int ith, const Poin
   return bFloorFree ? orientationOfFacet<true>(predicates, pTet, ith, pVtx) : predicates.getOrientation3(pTet, ith, pVtx);
 }
 
+inline SphereInclusion InsertionThread::sphereInclusion(Tet3* pTet, const Point3* pVtx, bool bFloorFree) const {
+  return bFloorFree ? sphereInclusionOf<true>(predicates, pTet, pVtx) : predicates.sphereInclusionTest(pTet, pVtx);
+}
+
 // The visibility walk of Dt3::locateConflictTet on owned tetrahedra: it
 // stops as walkPostponed at the first neighbour that is not wholly owned
 // (or when its step limit runs out).
@@ -168,9 +172,7 @@ bool InsertionThread::floodCavity(const Point3* pVtx, bool bFloorFree) {
         continue;
       }
       if (pOppTet->hasBeenVisited) continue;
-      const SphereInclusion sic = bFloorFree ? sphereInclusionOf<true>(predicates, pOppTet, pVtx)
-                                             : predicates.sphereInclusionTest(pOppTet, pVtx);
-      if (sic == SIC_OUTSIDE) {
+      if (sphereInclusion(pOppTet, pVtx, bFloorFree) == SIC_OUTSIDE) {
         vBoundary.push_back({pCavTet, pOppTet, ith});
         continue;
       }
@@ -222,9 +224,7 @@ bool InsertionThread::gatherHull(Tet3* pTet, int ith, const Point3* pVtx, bool b
   vCavity.clear();
   size_t numStay = 0;
   for (Tet3* pHullTet : vStay) {
-    const SphereInclusion sic = bFloorFree ? sphereInclusionOf<true>(predicates, pHullTet, pVtx)
-                                           : predicates.sphereInclusionTest(pHullTet, pVtx);
-    if (sic == SIC_OUTSIDE) {
+    if (sphereInclusion(pHullTet, pVtx, bFloorFree) == SIC_OUTSIDE) {
       vStay[numStay++] = pHullTet;
     } else {
       pHullTet->hasBeenVisited = true;
@@ -276,16 +276,12 @@ void InsertionThread::insertOnHull(Point3* pVtx, bool bFloorFree) {
       registry.glue(pNewTet, pHullTet, k);
     }
   }
-  for (Tet3* pCavTet : vCavity) {
-    for (int k = 0; k < 4; ++k) {
-      // A facet seen from outside goes with the tetrahedron; a facet in the
-      // point's plane would give a flat one.
-      if (orientation(pCavTet, k, pVtx, bFloorFree) != ORIENTATION3_POSITIVE) continue;
-      Tet3* pOppTet = pCavTet->getOppTet(k);
-      if (pOppTet != nullptr && pOppTet->hasBeenVisited) continue;
-      pNewTet = createTet(pCavTet, k, pVtx);
-      registry.glue(pNewTet, pOppTet, pOppTet != nullptr ? pOppTet->getIntraTetIndex(pCavTet) : -1);
-    }
+  for (const BoundaryFacet& f : vBoundary) {
+    // A facet seen from outside goes with the tetrahedron; a facet in the
+    // point's plane would give a flat one.
+    if (orientation(f.pCavTet, f.ith, pVtx, bFloorFree) != ORIENTATION3_POSITIVE) continue;
+    pNewTet = createTet(f.pCavTet, f.ith, pVtx);
+    registry.glue(pNewTet, f.pOppTet, f.pOppTet != nullptr ? f.pOppTet->getIntraTetIndex(f.pCavTet) : -1);
   }
   retireCavity();
   registry.finalPass();

@@ -18,8 +18,9 @@
 // owned tetrahedron and the tetrahedra round one of its edges, has at least
 // two of t's corners. The start of a round reads the incident tetrahedron of
 // an owned vertex and its neighbours across the facets at that vertex; these
-// keep the vertex as a corner, so no other thread changes them. The hot path has no lock and no atomic operation; each thread has
-// its own records, retired records, facet registry, cavity and labels.
+// keep the vertex as a corner, so no other thread changes them. The hot path
+// has no lock and no atomic operation; each thread has its own records,
+// retired records, facet registry, cavity and labels.
 #pragma once
 
 #include <atomic>
@@ -75,6 +76,7 @@ private:
   int locate(const Point3* pVtx, Tet3*& pTet, bool bFloorFree) const;
   int onFacetPlane(const Point3* pVtx, Tet3*& pTet, int ith, bool bFloorFree) const;
   Orientation3 orientation(Tet3* pTet, int ith, const Point3* pVtx, bool bFloorFree) const;
+  SphereInclusion sphereInclusion(Tet3* pTet, const Point3* pVtx, bool bFloorFree) const;
   // Grows the marked cavity in vCavity over the neighbours in conflict with
   // pVtx; false, with the marks taken back, when it reaches a tetrahedron
   // not wholly owned.
@@ -84,8 +86,8 @@ private:
   // start the cavity, the others go to vStay. False when one of them is not
   // wholly owned.
   bool gatherHull(Tet3* pTet, int ith, const Point3* pVtx, bool bFloorFree);
-  // New tetrahedra on the seen facets of vStay and on the facets of the
-  // cavity that face pVtx; the cavity retires.
+  // New tetrahedra on the seen facets of vStay and on the boundary facets of
+  // the cavity that face pVtx; the cavity retires.
   void insertOnHull(Point3* pVtx, bool bFloorFree);
   void retireCavity();
   Tet3* createTet(Point3* a, Point3* b, Point3* c, Point3* d);
