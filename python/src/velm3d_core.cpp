@@ -624,46 +624,6 @@ template <class I> py::array vertexToSimplex(const py::array_t<I, py::array::c_s
   return v.toNumPy({numPoints});
 }
 
-// A set of the few dozen indices around one vertex (tetrahedra of its star,
-// corners): open addressing, emptied in the time of what it holds, its keys
-// kept in the order of insertion.
-template <class I> class SmallSet {
-public:
-  SmallSet() : vSlots(64, I(-1)) {}
-  void clear() {
-    for (size_t s : vUsed) vSlots[s] = -1;
-    vUsed.clear();
-    vKeys.clear();
-  }
-  // True when key (>= 0) was not in the set.
-  bool insert(I key) {
-    if (4 * (vUsed.size() + 1) > vSlots.size()) grow();
-    const size_t mask = vSlots.size() - 1;
-    for (size_t s = ((static_cast<uint64_t>(key) * 0x9E3779B97F4A7C15ull) >> 40) & mask;; s = (s + 1) & mask) {
-      if (vSlots[s] == key) return false;
-      if (vSlots[s] < 0) {
-        vSlots[s] = key;
-        vUsed.push_back(s);
-        vKeys.push_back(key);
-        return true;
-      }
-    }
-  }
-  const std::vector<I>& keys() const { return vKeys; }
-
-private:
-  void grow() {
-    std::vector<I> vOld;
-    vOld.swap(vKeys);
-    vUsed.clear();
-    vSlots.assign(2 * vSlots.size(), I(-1));
-    for (I key : vOld) insert(key);
-  }
-  std::vector<I> vSlots;
-  std::vector<size_t> vUsed;
-  std::vector<I> vKeys;
-};
-
 // The index arrays of a mesh, read in place.
 template <class I> struct MeshView {
   const double* pXyz; // (n, 3)
@@ -674,31 +634,6 @@ template <class I> struct MeshView {
   int cornerIndex(I t, I v) const {
     const I* p = pS + 4 * static_cast<int64_t>(t);
     return p[0] == v ? 0 : p[1] == v ? 1 : p[2] == v ? 2 : 3;
-  }
-  // The tetrahedra around vertex v (vStar.keys()), breadth first from t0
-  // (one of them) through the facets that contain v, and the other corners
-  // (vCorners.keys()), each with a tetrahedron that holds it and v
-  // (vCornerTet); bHull when one of those facets lies on the hull (the
-  // Voronoi cell of v is then unbounded).
-  void star(I v, I t0, SmallSet<I>& vStar, SmallSet<I>& vCorners, std::vector<I>& vCornerTet, bool& bHull) const {
-    vStar.clear();
-    vCorners.clear();
-    vCornerTet.clear();
-    vStar.insert(t0);
-    bHull = false;
-    for (size_t k = 0; k < vStar.keys().size(); ++k) {
-      const I t = vStar.keys()[k];
-      for (int i = 0; i < 4; ++i) {
-        const I w = pS[4 * static_cast<int64_t>(t) + i];
-        if (w == v) continue;
-        if (vCorners.insert(w)) vCornerTet.push_back(t);
-        const I o = pN[4 * static_cast<int64_t>(t) + i];
-        if (o < 0)
-          bHull = true;
-        else
-          vStar.insert(o);
-      }
-    }
   }
   // The tetrahedra around the edge (v, w) in the order of one turn about it,
   // from t0, which holds both. bOpen when the turn meets the hull: vRing
@@ -783,6 +718,130 @@ template <class I> std::vector<I> verticesInMeshOrder(const I* pS, int64_t m, co
   return vOrder;
 }
 
+// The vertices of the mesh (the points with a tetrahedron) in the Morton
+// order of their coordinates, scaled to 21 bits over their bounding box:
+// vertices close in that order are close in space.
+template <class I> std::vector<I> verticesInSpaceOrder(const double* pXyz, const I* pV2S, int64_t numPoints) {
+  double lo[3] = {HUGE_VAL, HUGE_VAL, HUGE_VAL}, hi[3] = {-HUGE_VAL, -HUGE_VAL, -HUGE_VAL};
+  for (int64_t i = 0; i < numPoints; ++i)
+    if (pV2S[i] >= 0)
+      for (int k = 0; k < 3; ++k) {
+        lo[k] = std::min(lo[k], pXyz[3 * i + k]);
+        hi[k] = std::max(hi[k], pXyz[3 * i + k]);
+      }
+  double scale[3];
+  for (int k = 0; k < 3; ++k) {
+    scale[k] = 2097151.0 / (hi[k] - lo[k]); // a flat or overflowing extent leaves that axis out
+    if (!(hi[k] > lo[k]) || !std::isfinite(scale[k])) scale[k] = 0.0;
+  }
+  // Bit b of x moves to bit 3b.
+  const auto spread = [](uint64_t x) {
+    x &= 0x1fffff;
+    x = (x | x << 32) & 0x1f00000000ffffull;
+    x = (x | x << 16) & 0x1f0000ff0000ffull;
+    x = (x | x << 8) & 0x100f00f00f00f00full;
+    x = (x | x << 4) & 0x10c30c30c30c30c3ull;
+    return (x | x << 2) & 0x1249249249249249ull;
+  };
+  std::vector<std::pair<uint64_t, I>> vKeyed;
+  for (int64_t i = 0; i < numPoints; ++i) {
+    if (pV2S[i] < 0) continue;
+    uint64_t key = 0;
+    for (int k = 0; k < 3; ++k)
+      key |= spread(static_cast<uint64_t>((pXyz[3 * i + k] - lo[k]) * scale[k])) << k;
+    vKeyed.emplace_back(key, static_cast<I>(i));
+  }
+  std::sort(vKeyed.begin(), vKeyed.end());
+  std::vector<I> vOrder(vKeyed.size());
+  for (size_t r = 0; r < vKeyed.size(); ++r) vOrder[r] = vKeyed[r].second;
+  return vOrder;
+}
+
+// The mesh of the Voronoi pass renumbered for its walks: vertex r is
+// vOrder[r], and the tetrahedra are grouped by their lowest-ranked corner,
+// so that the stars of vertices taken in rank order lie together in memory
+// (in the simplices' own order a star is scattered over the arrays, and the
+// walks about each vertex and edge were bound by those cache misses). The
+// corners of each tetrahedron keep their order. The star of vertex r is
+// vStar[vStarFirst[r]:vStarFirst[r + 1]]. vClass and vCentre, filled by the
+// caller, hold each tetrahedron's class and the Voronoi vertex of its class.
+// Without coordinates (mesh.pXyz null) vXyz stays empty.
+template <class I> struct RankedMesh {
+  std::vector<double> vXyz, vCentre;
+  std::vector<I> vS, vN, vNewOf, vOldOf, vStarFirst, vStar, vClass;
+
+  RankedMesh(const MeshView<I>& mesh, int64_t m, const std::vector<I>& vOrder, int64_t numPoints, int numWorkers) {
+    const int64_t n = static_cast<int64_t>(vOrder.size());
+    std::vector<I> vRank(static_cast<size_t>(numPoints), I(-1));
+    vXyz.resize(mesh.pXyz != nullptr ? 3 * static_cast<size_t>(n) : 0);
+    for (int64_t r = 0; r < n; ++r) {
+      vRank[vOrder[r]] = static_cast<I>(r);
+      if (mesh.pXyz != nullptr) std::copy(mesh.xyz(vOrder[r]), mesh.xyz(vOrder[r]) + 3, vXyz.data() + 3 * r);
+    }
+    vNewOf.resize(static_cast<size_t>(m));
+    vStarFirst.assign(static_cast<size_t>(n) + 1, I(0));
+    for (int64_t t = 0; t < m; ++t) {
+      const I* p = mesh.pS + 4 * t;
+      vNewOf[t] = std::min(std::min(vRank[p[0]], vRank[p[1]]), std::min(vRank[p[2]], vRank[p[3]]));
+      ++vStarFirst[vNewOf[t] + 1];
+    }
+    for (int64_t r = 0; r < n; ++r) vStarFirst[r + 1] += vStarFirst[r];
+    vOldOf.resize(static_cast<size_t>(m));
+    for (int64_t t = 0; t < m; ++t) {
+      vNewOf[t] = vStarFirst[vNewOf[t]]++;
+      vOldOf[vNewOf[t]] = static_cast<I>(t);
+    }
+    vS.resize(4 * static_cast<size_t>(m));
+    vN.resize(4 * static_cast<size_t>(m));
+    forChunks(numWorkers, static_cast<size_t>(m), 1 << 16, [&](size_t, size_t begin, size_t end) {
+      for (size_t t = begin; t < end; ++t) {
+        const int64_t nt = vNewOf[t];
+        for (int i = 0; i < 4; ++i) {
+          const I o = mesh.pN[4 * t + i];
+          vS[4 * nt + i] = vRank[mesh.pS[4 * t + i]];
+          vN[4 * nt + i] = o < 0 ? I(-1) : vNewOf[o];
+        }
+      }
+    });
+    std::fill(vStarFirst.begin(), vStarFirst.end(), I(0));
+    for (int64_t k = 0; k < 4 * m; ++k) ++vStarFirst[vS[k] + 1];
+    for (int64_t r = 0; r < n; ++r) vStarFirst[r + 1] += vStarFirst[r];
+    vStar.resize(4 * static_cast<size_t>(m));
+    std::vector<I> vNext(vStarFirst.begin(), vStarFirst.end() - 1);
+    for (int64_t k = 0; k < 4 * m; ++k) vStar[vNext[vS[k]]++] = static_cast<I>(k / 4);
+  }
+  MeshView<I> view() const { return {vXyz.data(), vS.data(), vN.data()}; }
+
+  // The other corners of the star of v (vCorners), each with a tetrahedron
+  // that holds it and v (vCornerTet); bHull when a facet at v lies on the
+  // hull (the Voronoi cell of v is then unbounded). vSeen, over all
+  // vertices, holds no v on entry.
+  void corners(I v, std::vector<I>& vSeen, std::vector<I>& vCorners, std::vector<I>& vCornerTet, bool& bHull) const {
+    vCorners.clear();
+    vCornerTet.clear();
+    bHull = false;
+    for (I s = vStarFirst[v]; s < vStarFirst[v + 1]; ++s) {
+      const int64_t t = vStar[s];
+      for (int i = 0; i < 4; ++i) {
+        const I w = vS[4 * t + i];
+        if (w == v) continue;
+        bHull |= vN[4 * t + i] < 0;
+        if (vSeen[w] != v) {
+          vSeen[w] = v;
+          vCorners.push_back(w);
+          vCornerTet.push_back(static_cast<I>(t));
+        }
+      }
+    }
+  }
+};
+
+// The chunks of a pass over n vertices in which each chunk marks what it has
+// seen in an array over all vertices: few, four per worker.
+inline size_t markingChunkSize(size_t n, int numWorkers) {
+  return std::max<size_t>(2048, n / (4 * static_cast<size_t>(std::max(numWorkers, 1))) + 1);
+}
+
 // The vertices joined to each vertex by an edge, in CSR form, each list
 // ascending: the corners of the star of each vertex. Linear in the size of
 // the mesh: each vertex reads its own star once.
@@ -797,18 +856,17 @@ py::tuple vertexNeighborVertices(const py::array_t<I, py::array::c_style>& simpl
   {
     GilRelease nogil;
     const std::vector<I> vOrder = verticesInMeshOrder(mesh.pS, simplices.shape(0), pV2S);
-    const size_t chunkSize = 4096;
+    const RankedMesh<I> ranked(mesh, simplices.shape(0), vOrder, numPoints, numWorkers);
+    const size_t chunkSize = markingChunkSize(vOrder.size(), numWorkers);
     ChunkedLists<I> lists((vOrder.size() + chunkSize - 1) / chunkSize);
     forChunks(numWorkers, vOrder.size(), chunkSize, [&](size_t c, size_t begin, size_t end) {
-      SmallSet<I> vStar, vCorners;
-      std::vector<I> vCornerTet, vSorted;
+      std::vector<I> vSeen(vOrder.size(), I(-1)), vCorners, vCornerTet;
       bool bHull;
       for (size_t k = begin; k < end; ++k) {
-        const I v = vOrder[k];
-        mesh.star(v, pV2S[v], vStar, vCorners, vCornerTet, bHull);
-        vSorted = vCorners.keys();
-        std::sort(vSorted.begin(), vSorted.end());
-        lists.add(c, v, vSorted);
+        ranked.corners(static_cast<I>(k), vSeen, vCorners, vCornerTet, bHull);
+        for (I& w : vCorners) w = vOrder[w];
+        std::sort(vCorners.begin(), vCorners.end());
+        lists.add(c, vOrder[k], vCorners);
       }
     });
     lists.toCsr(numPoints, numWorkers, csr);
@@ -1009,12 +1067,13 @@ template <class I> void circumcenter(const MeshView<I>& mesh, int64_t t, double*
 // neighbour's far corner on the sphere of the tetrahedron (exactly) joins
 // the two, and the joined groups are numbered in the order of their first
 // tetrahedron, whose circumcentre is the vertex. Then for each vertex v, in
-// mesh order: its region (the vertices of its tetrahedra, ascending, -1
-// first when v lies on the hull), and for each edge (v, w): the ridge, the
-// turn of vertices about the edge with repeats dropped (and -1 first where
-// the turn meets the hull), kept once (v < w) when it has three entries or
-// more, as scipy keeps them; and the volume of the cell of v, the pyramids
-// from v over its ridges, infinite on the hull.
+// the Morton order of the points: its region (the vertices of its
+// tetrahedra, ascending, -1 first when v lies on the hull), and for each
+// edge (v, w): the ridge, the turn of vertices about the edge with repeats
+// dropped (and -1 first where the turn meets the hull), kept once when it
+// has three entries or more, as scipy keeps them, its points ascending; and
+// the volume of the cell of v, the pyramids from v over its ridges,
+// infinite on the hull.
 // Answers (vertices, ridge_points, ridge indptr, ridge indices, region
 // indptr, region indices, point_region, volumes); vertexOfPoint maps each
 // point to its vertex.
@@ -1031,20 +1090,24 @@ py::tuple voronoi(const py::array_t<double, py::array::c_style>& points, const p
   Csr<I> ridgeCsr, regionCsr;
   {
     GilRelease nogil;
-    // Pairs of neighbours on one sphere.
+    const std::vector<I> vOrder = verticesInSpaceOrder(mesh.pXyz, pV2S, numPoints);
+    const int64_t n = static_cast<int64_t>(vOrder.size());
+    RankedMesh<I> ranked(mesh, m, vOrder, numPoints, numWorkers);
+    const MeshView<I> local = ranked.view();
+    // Pairs of neighbours on one sphere, under their first numbers.
     const size_t tetChunk = 1 << 14;
     std::vector<std::vector<std::pair<I, I>>> vSame((m + tetChunk - 1) / tetChunk);
     forChunks(numWorkers, static_cast<size_t>(m), tetChunk, [&](size_t c, size_t begin, size_t end) {
       for (size_t t = begin; t < end; ++t)
         for (int j = 0; j < 4; ++j) {
-          const I o = mesh.pN[4 * t + j];
+          const I o = local.pN[4 * t + j];
           if (o <= static_cast<int64_t>(t)) continue;
-          const I* pON = mesh.pN + 4 * static_cast<int64_t>(o);
+          const I* pON = local.pN + 4 * static_cast<int64_t>(o);
           const int k = pON[0] == static_cast<I>(t) ? 0 : pON[1] == static_cast<I>(t) ? 1 : pON[2] == static_cast<I>(t) ? 2 : 3;
-          const I* p = mesh.pS + 4 * t;
-          if (isOnSphere(mesh.xyz(p[0]), mesh.xyz(p[1]), mesh.xyz(p[2]), mesh.xyz(p[3]),
-                         mesh.xyz(mesh.pS[4 * static_cast<int64_t>(o) + k])))
-            vSame[c].emplace_back(static_cast<I>(t), o);
+          const I* p = local.pS + 4 * t;
+          if (isOnSphere(local.xyz(p[0]), local.xyz(p[1]), local.xyz(p[2]), local.xyz(p[3]),
+                         local.xyz(local.pS[4 * static_cast<int64_t>(o) + k])))
+            vSame[c].emplace_back(ranked.vOldOf[t], ranked.vOldOf[o]);
         }
     });
     // Union-find with the smallest tetrahedron of each group as its root;
@@ -1072,50 +1135,63 @@ py::tuple voronoi(const py::array_t<double, py::array::c_style>& points, const p
     }
     vVertices.resize(3 * vFirst.size());
     forChunks(numWorkers, vFirst.size(), 1 << 14, [&](size_t, size_t begin, size_t end) {
-      for (size_t c = begin; c < end; ++c) circumcenter(mesh, vFirst[c], vVertices.data() + 3 * c);
+      for (size_t c = begin; c < end; ++c) circumcenter(local, ranked.vNewOf[vFirst[c]], vVertices.data() + 3 * c);
     });
+    ranked.vClass.resize(static_cast<size_t>(m));
+    ranked.vCentre.resize(3 * static_cast<size_t>(m));
+    forChunks(numWorkers, static_cast<size_t>(m), 1 << 16, [&](size_t, size_t begin, size_t end) {
+      for (size_t t = begin; t < end; ++t) {
+        const I c = vClass[ranked.vOldOf[t]];
+        ranked.vClass[t] = c;
+        std::copy(vVertices.data() + 3 * static_cast<int64_t>(c), vVertices.data() + 3 * static_cast<int64_t>(c) + 3,
+                  ranked.vCentre.data() + 3 * t);
+      }
+    });
+    std::vector<I>().swap(vClass);
+    std::vector<I>().swap(ranked.vNewOf);
+    std::vector<I>().swap(ranked.vOldOf);
     // The vertices on the hull, whose cells are unbounded.
-    std::vector<char> vOnHull(static_cast<size_t>(numPoints), 0);
+    std::vector<char> vOnHull(static_cast<size_t>(n), 0);
     for (int64_t t = 0; t < m; ++t)
       for (int j = 0; j < 4; ++j)
-        if (mesh.pN[4 * t + j] < 0)
+        if (local.pN[4 * t + j] < 0)
           for (int i = 0; i < 4; ++i)
-            if (i != j) vOnHull[mesh.pS[4 * t + i]] = 1;
-    const std::vector<I> vOrder = verticesInMeshOrder(mesh.pS, m, pV2S);
-    const size_t chunkSize = 2048;
-    const size_t numChunks = (vOrder.size() + chunkSize - 1) / chunkSize;
+            if (i != j) vOnHull[local.pS[4 * t + i]] = 1;
+    const size_t chunkSize = markingChunkSize(static_cast<size_t>(n), numWorkers);
+    const size_t numChunks = (static_cast<size_t>(n) + chunkSize - 1) / chunkSize;
     ChunkedLists<I> regions(numChunks), ridges(numChunks);
     std::vector<std::vector<I>> vRidgePoints(numChunks);
+    std::vector<double> vRankVolume(static_cast<size_t>(n));
     // The pyramids from v and from w over the ridge of the edge (v, w) have
-    // the same volume: each edge is turned about once, from its smaller end,
-    // and w's share waits in its chunk's list until all chunks are done.
+    // the same volume: each edge is turned about once, from its lower-ranked
+    // end, and w's share waits in its chunk's list until all chunks are done.
     std::vector<std::vector<std::pair<I, double>>> vLaterShare(numChunks);
-    forChunks(numWorkers, vOrder.size(), chunkSize, [&](size_t c, size_t begin, size_t end) {
-      SmallSet<I> vStar, vCorners;
-      std::vector<I> vCornerTet, vRing, vBack, vTurn, vRegion;
+    forChunks(numWorkers, static_cast<size_t>(n), chunkSize, [&](size_t c, size_t begin, size_t end) {
+      std::vector<I> vSeen(static_cast<size_t>(n), I(-1)), vCorners, vCornerTet, vRing, vBack, vTurn, vRegion;
       bool bHull, bOpen;
       for (size_t k = begin; k < end; ++k) {
-        const I v = vOrder[k];
-        const double* pv = mesh.xyz(v);
-        mesh.star(v, pV2S[v], vStar, vCorners, vCornerTet, bHull);
-        vRegion.assign(bHull ? 1 : 0, I(-1));
-        for (I t : vStar.keys()) vRegion.push_back(vClass[t]);
+        const I v = static_cast<I>(k);
+        const double* pv = local.xyz(v);
+        ranked.corners(v, vSeen, vCorners, vCornerTet, bHull);
+        vRegion.clear();
+        for (I s = ranked.vStarFirst[v]; s < ranked.vStarFirst[v + 1]; ++s) vRegion.push_back(ranked.vClass[ranked.vStar[s]]);
+        if (bHull) vRegion.push_back(I(-1));
         std::sort(vRegion.begin(), vRegion.end());
         vRegion.erase(std::unique(vRegion.begin(), vRegion.end()), vRegion.end());
-        regions.add(c, static_cast<I>(k), vRegion);
+        regions.add(c, v, vRegion);
         double volume = 0;
         for (size_t e = 0; e < vCornerTet.size(); ++e) {
-          const I w = vCorners.keys()[e];
+          const I w = vCorners[e];
           if (w < v) continue;
-          mesh.ring(v, w, vCornerTet[e], vRing, vBack, bOpen);
+          local.ring(v, w, vCornerTet[e], vRing, vBack, bOpen);
           if (!bOpen && !(bHull && vOnHull[w])) {
             // Twice the vector area of the ridge, seen from v; the pyramid
             // over it has height |w - v| / 2.
-            const double* pw = mesh.xyz(w);
+            const double* pw = local.xyz(w);
             double area[3] = {0, 0, 0};
             for (size_t i = 0; i < vRing.size(); ++i) {
-              const double* a = vVertices.data() + 3 * static_cast<int64_t>(vClass[vRing[i]]);
-              const double* b = vVertices.data() + 3 * static_cast<int64_t>(vClass[vRing[(i + 1) % vRing.size()]]);
+              const double* a = ranked.vCentre.data() + 3 * static_cast<int64_t>(vRing[i]);
+              const double* b = ranked.vCentre.data() + 3 * static_cast<int64_t>(vRing[i + 1 < vRing.size() ? i + 1 : 0]);
               const double u[3] = {a[0] - pv[0], a[1] - pv[1], a[2] - pv[2]};
               const double r[3] = {b[0] - pv[0], b[1] - pv[1], b[2] - pv[2]};
               area[0] += u[1] * r[2] - u[2] * r[1];
@@ -1129,25 +1205,25 @@ py::tuple voronoi(const py::array_t<double, py::array::c_style>& points, const p
           }
           vTurn.assign(bOpen ? 1 : 0, I(-1));
           for (I t : vRing)
-            if (vTurn.empty() || vTurn.back() != vClass[t]) vTurn.push_back(vClass[t]);
+            if (vTurn.empty() || vTurn.back() != ranked.vClass[t]) vTurn.push_back(ranked.vClass[t]);
           if (!bOpen && vTurn.size() > 1 && vTurn.back() == vTurn.front()) vTurn.pop_back();
           if (vTurn.size() < 3) continue;
-          vRidgePoints[c].push_back(v);
-          vRidgePoints[c].push_back(w);
+          vRidgePoints[c].push_back(std::min(vOrder[v], vOrder[w]));
+          vRidgePoints[c].push_back(std::max(vOrder[v], vOrder[w]));
           ridges.add(c, 0, vTurn); // numbered below
         }
-        vVolume[v] = bHull ? std::numeric_limits<double>::infinity() : volume;
+        vRankVolume[v] = bHull ? std::numeric_limits<double>::infinity() : volume;
       }
     });
     for (const auto& vShares : vLaterShare)
-      for (const auto& share : vShares) vVolume[share.first] += share.second;
-    // At this point region k is that of vertex vOrder[k]; the points that
-    // repeat a vertex take its region and volume.
+      for (const auto& share : vShares) vRankVolume[share.first] += share.second;
+    // Region r is that of vertex vOrder[r]; the points that repeat a vertex
+    // take its region and volume.
     std::vector<I> vRegionOf(static_cast<size_t>(numPoints), I(-1));
-    for (size_t k = 0; k < vOrder.size(); ++k) vRegionOf[vOrder[k]] = static_cast<I>(k);
+    for (int64_t r = 0; r < n; ++r) vRegionOf[vOrder[r]] = static_cast<I>(r);
     for (int64_t i = 0; i < numPoints; ++i) {
       vPointRegion[i] = vRegionOf[pVop[i]];
-      if (pVop[i] != i) vVolume[i] = vVolume[pVop[i]];
+      vVolume[i] = vRankVolume[vRegionOf[pVop[i]]];
     }
     regions.toCsr(static_cast<int64_t>(vOrder.size()), numWorkers, regionCsr);
     size_t numRidges = 0;
