@@ -113,15 +113,16 @@ TEST(Driver, VectorInsertsPrintTheirSizeAndGiveOneHandlePerInput) {
   EXPECT_TRUE(vHandles.size() == 3 && *vHandles[2] == v3[2]);
 }
 
-// Single inserts: when the first four are coplanar, the fifth makes the
-// tetrahedron, and the vertex that is no corner waits outside the mesh until
-// the row intake takes it in.
+// Single inserts: when the first five are coplanar, the sixth makes the
+// tetrahedron, and the vertices that are no corners wait outside the mesh
+// until the row intake takes them in.
 TEST(Driver, SingleInsertsLeaveVerticesWaitingThatInsertRowsTakesIn) {
   Velm_3D vt;
-  std::vector<Point3> p = {Point3(0, 0, 0), Point3(4, 0, 0), Point3(0, 4, 0), Point3(4, 4, 0), Point3(1, 1, 3)};
-  for (int i = 0; i < 4; ++i) EXPECT_EQ(captured([&] { vt.insert(p[i]); }), "");
+  std::vector<Point3> p = {Point3(0, 0, 0), Point3(4, 0, 0), Point3(0, 4, 0),
+                           Point3(4, 4, 0), Point3(2, 1, 0), Point3(1, 1, 3)};
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(captured([&] { vt.insert(p[i]); }), "");
   EXPECT_FALSE(vt.is3D());
-  EXPECT_EQ(captured([&] { vt.insert(p[4]); }), "Attention: triangulate has got an empty vector\n");
+  EXPECT_EQ(captured([&] { vt.insert(p[5]); }), "Attention: triangulate has got an empty vector\n");
   EXPECT_EQ(numTets(vt), 1u);
   const MeshFault fault = vt.findFault(true);
   ASSERT_EQ(fault.kind, MeshFault::VERTEX_OUT);
@@ -132,8 +133,8 @@ TEST(Driver, SingleInsertsLeaveVerticesWaitingThatInsertRowsTakesIn) {
   EXPECT_TRUE(vHandles.empty() && pWaiting->getOneTet() != nullptr && !vt.findFault(true));
   // Rows: the waiting vertex's position twice and a new point.
   p.push_back(Point3(2, 2, 1));
-  EXPECT_EQ(captured([&] { vt.insertRows(rowsOf({*pWaiting, p[5], *pWaiting}).data(), 3, vHandles); }), "");
-  EXPECT_TRUE(vHandles.size() == 3 && vHandles[0] == pWaiting && vHandles[2] == pWaiting && *vHandles[1] == p[5]);
+  EXPECT_EQ(captured([&] { vt.insertRows(rowsOf({*pWaiting, p[6], *pWaiting}).data(), 3, vHandles); }), "");
+  EXPECT_TRUE(vHandles.size() == 3 && vHandles[0] == pWaiting && vHandles[2] == pWaiting && *vHandles[1] == p[6]);
   EXPECT_TRUE(isDelaunayOf(vt, p));
 }
 
@@ -216,6 +217,12 @@ TEST(Locate, ClosedHullHoldsVerticesEdgesFacetsAndInside) {
     EXPECT_TRUE(vt.findTetContaining(q) == nullptr && vt.findTetContaining(q, pHint) == nullptr) << q;
     EXPECT_EQ(vt.locate(q), nullptr) << q;
   }
+  // A batch: a NaN or infinite coordinate in any place finds nothing.
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  const std::vector<double> vRows{nan, 5, 5, 5, nan, 5, 5, 5, -HUGE_VAL, 5, 5, 5};
+  std::vector<Tet3*> vFound;
+  vt.findTetsContaining(vRows.data(), 4, vFound);
+  EXPECT_EQ(vFound, (std::vector<Tet3*>{nullptr, nullptr, nullptr, vt.findTetContaining(Point3(5, 5, 5))}));
 }
 
 // The report of a failed assertion, kept for the calling thread only.
