@@ -353,17 +353,7 @@ void Dt3::findTetsContaining(const double* pXyz, size_t numRows, std::vector<Tet
       vOrder.emplace_back(hc3.iReset(Point3(p[0], p[1], p[2])), i);
   }
   std::sort(vOrder.begin(), vOrder.end());
-  Tet3* pHint = nullptr;
-  unsigned long numDone = 0;
-  for (const std::pair<unsigned int, size_t>& entry : vOrder) {
-    const double* p = pXyz + 3 * entry.second;
-    Tet3* pTet = findTetContaining(Point3(p[0], p[1], p[2]), pHint);
-    vTets[entry.second] = pTet;
-    if (pTet != nullptr) pHint = pTet;
-    if (pProgress != nullptr && ++numDone % numInsertionsPerReport == 0 &&
-        !pProgress(pProgressUser, numDone, vOrder.size()))
-      return;
-  }
+  locateRunsThreaded(pXyz, vOrder, vTets);
 }
 
 void Dt3::insertPendingPoints() { fatBar("Dt3::insertPendingPoints() is currently not active", false, false); }

@@ -262,9 +262,11 @@ public:
   // findTetContaining for each row of the row-major array pXyz, into
   // vTets[row] (resized to numRows); null for rows outside the hull and for
   // rows with a NaN or infinite coordinate. The rows are visited in the
-  // store's curve order, each walk starting at the previous answer. With a
-  // progress callback set, it is called every numInsertionsPerReport rows
-  // and can stop the work (the rows not reached stay null).
+  // store's curve order, each walk starting at the previous answer; with
+  // more than one thread set (setNumThreads), each thread takes an equal run
+  // of that order. With a progress callback set, it is called about every
+  // numInsertionsPerReport rows, from the caller's thread, and can stop the
+  // work (the rows not reached stay null).
   void findTetsContaining(const double* pXyz, size_t numRows, std::vector<Tet3*>& vTets);
   // Stores the numRows points of the row-major array pXyz (x, y, z per row)
   // and inserts every stored vertex that is not yet in the mesh, whichever
@@ -333,6 +335,10 @@ private:
   // vCurve is the store's curve order, ranked. numDone counts insertions
   // for the progress report. Returns a live tetrahedron, or null when the
   // progress callback stopped the work.
+  // The locations of findTetsContaining, vOrder (curve key, row) in runs
+  // on numThreads threads (ThreadedInsertion.cpp).
+  void locateRunsThreaded(const double* pXyz, const std::vector<std::pair<unsigned int, size_t>>& vOrder,
+                          std::vector<Tet3*>& vTets);
   Tet3* triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vector<Point3*>& vCurve,
                                  unsigned long& numDone, unsigned long numTotal);
   // triangulate; with bConsume, vVertices is released once split into levels.

@@ -1,4 +1,5 @@
-// ThreadedInsertion.cpp: a level of the bulk insertion on several threads.
+// ThreadedInsertion.cpp: a level of the bulk insertion on several threads,
+// and the point location of a batch on several threads (at the end).
 // The scheme and why it needs no lock are in ThreadedInsertion.h. The one-thread
 // road (Dt3::insertVertex) is not used by the threads; the walk and the
 // cavity here are its counterparts with ownership tests, and the cavity is
@@ -8,9 +9,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <exception>
-#include <mutex>
-#include <thread>
+#include <memory>
 
 #include "BrixTest3Inline.h"
 
@@ -26,6 +25,9 @@ const int nextFacet[4] = {1, 2, 3, 0};
 // less than a tenth of its points; one thread inserts what is left.
 constexpr size_t minPointsPerThread = 256;
 constexpr int maxRounds = 10;
+
+// A batch location runs on no more threads than give each this many rows.
+constexpr size_t minRowsPerThread = 4096;
 
 // The boundaries of a round's numT ranges, as fractions of the curve:
 // (t + phase) / numT for the first phase of 0, 1/2, 1/4, 3/4, 1/8, ... that
@@ -337,9 +339,6 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
   std::vector<Point3*> vActive;
   vActive.swap(vLevel);
   std::atomic<bool> bStop(false);
-  std::mutex errorMutex;
-  std::exception_ptr pError;
-  std::string errorReport;
   const bool bFloorFree = bAllFloorFree;
 
   size_t numT = maxT;
@@ -376,45 +375,32 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
 
     const auto work = [&](size_t t) {
       InsertionThread& thread = *vThreads[t];
-      size_t i = 0;
-      try {
-        if (thread.vMine.empty() || !thread.findStart(vCurve, thread.vMine[0]->getCurveRank())) {
-          thread.vPostponed.swap(thread.vMine);
-          return;
+      if (thread.vMine.empty() || !thread.findStart(vCurve, thread.vMine[0]->getCurveRank())) {
+        thread.vPostponed.swap(thread.vMine);
+        return;
+      }
+      unsigned long sinceReport = 0;
+      for (size_t i = 0; i < thread.vMine.size() && !bStop.load(std::memory_order_relaxed); ++i) {
+        const InsertionThread::Outcome outcome = thread.insert(thread.vMine[i], bFloorFree);
+        if (outcome != InsertionThread::INSERTED) {
+          thread.vPostponed.push_back(thread.vMine[i]);
+          // The walk or the cavity met a foreign tetrahedron: the next
+          // point starts from a tetrahedron at its curve neighbours rather
+          // than from the same place.
+          if (i + 1 < thread.vMine.size() && !thread.findStart(vCurve, thread.vMine[i + 1]->getCurveRank()) &&
+              !thread.findStart(vCurve, thread.vMine[i]->getCurveRank()))
+            thread.findStart(vCurve, thread.vMine[0]->getCurveRank());
         }
-        unsigned long sinceReport = 0;
-        for (; i < thread.vMine.size() && !bStop.load(std::memory_order_relaxed); ++i) {
-          const InsertionThread::Outcome outcome = thread.insert(thread.vMine[i], bFloorFree);
-          if (outcome != InsertionThread::INSERTED) {
-            thread.vPostponed.push_back(thread.vMine[i]);
-            // The walk or the cavity met a foreign tetrahedron: the next
-            // point starts from a tetrahedron at its curve neighbours rather
-            // than from the same place.
-            if (i + 1 < thread.vMine.size() && !thread.findStart(vCurve, thread.vMine[i + 1]->getCurveRank()) &&
-                !thread.findStart(vCurve, thread.vMine[i]->getCurveRank()))
-              thread.findStart(vCurve, thread.vMine[0]->getCurveRank());
-          }
-          // The caller's thread reports the progress of all.
-          if (t == 0 && pProgress != nullptr && ++sinceReport * numT >= numInsertionsPerReport) {
-            sinceReport = 0;
-            unsigned long numNow = numDone;
-            for (size_t u = 0; u < numT; ++u) numNow += vThreads[u]->numInserted.load(std::memory_order_relaxed);
-            if (!pProgress(pProgressUser, numNow, numTotal)) bStop.store(true);
-          }
+        // The caller's thread reports the progress of all.
+        if (t == 0 && pProgress != nullptr && ++sinceReport * numT >= numInsertionsPerReport) {
+          sinceReport = 0;
+          unsigned long numNow = numDone;
+          for (size_t u = 0; u < numT; ++u) numNow += vThreads[u]->numInserted.load(std::memory_order_relaxed);
+          if (!pProgress(pProgressUser, numNow, numTotal)) bStop.store(true);
         }
-      } catch (...) {
-        std::lock_guard<std::mutex> lock(errorMutex);
-        if (!pError) {
-          pError = std::current_exception();
-          errorReport = VelmException::lastReport();
-        }
-        bStop.store(true);
       }
     };
-    std::vector<std::thread> vRunning;
-    for (size_t t = 1; t < numT; ++t) vRunning.emplace_back(work, t);
-    work(0);
-    for (std::thread& th : vRunning) th.join();
+    runThreads(numT, bStop, work);
 
     vActive.clear();
     for (size_t t = 0; t < numT; ++t) {
@@ -423,10 +409,6 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
       vActive.insert(vActive.end(), thread.vPostponed.begin(), thread.vPostponed.end());
     }
     const size_t numPostponed = vActive.size();
-    if (pError) {
-      VelmException::carryReport(errorReport);
-      std::rethrow_exception(pError);
-    }
     if (bStop.load()) return nullptr;
     // The points left lie where the ranges met. Those between ranges that
     // follow each other on the curve are inside a range of the next round;
@@ -449,6 +431,39 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
   }
   if (pCur == nullptr || pCur->hasBeenVisited) pCur = hc3.getCloseTet(vCurve[0]);
   return pCur;
+}
+
+// ---------------------------------------------------------------------------
+// Point location of a batch: the mesh is only read, so the threads need no
+// ownership; each takes an equal run of the curve order.
+
+void Dt3::locateRunsThreaded(const double* pXyz, const std::vector<std::pair<unsigned int, size_t>>& vOrder,
+                             std::vector<Tet3*>& vTets) {
+  const size_t n = vOrder.size();
+  const size_t numT = std::max<size_t>(1, std::min<size_t>(static_cast<size_t>(numThreads), n / minRowsPerThread));
+  struct alignas(64) Count {
+    std::atomic<unsigned long> n{0};
+  };
+  std::unique_ptr<Count[]> vDone(new Count[numT]);
+  std::atomic<bool> bStop(false);
+  runThreads(numT, bStop, [&](size_t t) {
+    Tet3* pHint = nullptr;
+    unsigned long sinceReport = 0;
+    for (size_t k = n * t / numT; k < n * (t + 1) / numT && !bStop.load(std::memory_order_relaxed); ++k) {
+      const double* p = pXyz + 3 * vOrder[k].second;
+      Tet3* pTet = findTetContaining(Point3(p[0], p[1], p[2]), pHint);
+      vTets[vOrder[k].second] = pTet;
+      if (pTet != nullptr) pHint = pTet;
+      vDone[t].n.store(vDone[t].n.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+      // The caller's thread reports the progress of all.
+      if (t == 0 && pProgress != nullptr && ++sinceReport * numT >= numInsertionsPerReport) {
+        sinceReport = 0;
+        unsigned long numNow = 0;
+        for (size_t u = 0; u < numT; ++u) numNow += vDone[u].n.load(std::memory_order_relaxed);
+        if (!pProgress(pProgressUser, numNow, n)) bStop.store(true);
+      }
+    }
+  });
 }
 
 } // namespace VELM3D

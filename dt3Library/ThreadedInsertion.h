@@ -24,11 +24,47 @@
 #pragma once
 
 #include <atomic>
+#include <exception>
+#include <mutex>
+#include <string>
+#include <thread>
 #include <vector>
 
 #include "Dt3.h"
+#include "freeFunctions.h"
 
 namespace VELM3D {
+
+// Runs work(t) for t = 0 .. numT - 1, t = 0 on the caller's thread, and
+// waits for all of them. An exception in any thread sets bStop, which the
+// others read to end early; the first one is thrown again in the caller's
+// thread once all have ended, with its thread's assertion report carried
+// over, so that a failing thread leaves no thread running and no lock held.
+template <class Work> void runThreads(size_t numT, std::atomic<bool>& bStop, const Work& work) {
+  std::mutex errorMutex;
+  std::exception_ptr pError;
+  std::string errorReport;
+  const auto guarded = [&](size_t t) {
+    try {
+      work(t);
+    } catch (...) {
+      std::lock_guard<std::mutex> lock(errorMutex);
+      if (!pError) {
+        pError = std::current_exception();
+        errorReport = VelmException::lastReport();
+      }
+      bStop.store(true);
+    }
+  };
+  std::vector<std::thread> vRunning;
+  for (size_t t = 1; t < numT; ++t) vRunning.emplace_back(guarded, t);
+  guarded(0);
+  for (std::thread& th : vRunning) th.join();
+  if (pError) {
+    VelmException::carryReport(errorReport);
+    std::rethrow_exception(pError);
+  }
+}
 
 class InsertionThread {
 public:

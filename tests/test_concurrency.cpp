@@ -242,9 +242,14 @@ void insertThreaded(Velm_3D& vt, std::vector<Point3> v, int numThreads) {
 } // namespace
 
 // In general position the Delaunay mesh is unique: every thread count gives
-// the same tetrahedra, more threads than cores included.
+// the same tetrahedra, more threads than cores included. The batch location
+// on as many threads finds each midpoint of two input points (inside the
+// hull) in a tetrahedron that holds it.
 TEST(Threads, EveryThreadCountGivesTheOneMeshOfPointsInGeneralPosition) {
   const std::vector<Point3> v = support::randomPoints(40000, 21);
+  std::vector<double> vMid;
+  for (size_t i = 0; i + 1 < v.size(); i += 2)
+    vMid.insert(vMid.end(), {(v[i].x() + v[i + 1].x()) / 2, (v[i].y() + v[i + 1].y()) / 2, (v[i].z() + v[i + 1].z()) / 2});
   std::set<Quadruple> sOne;
   for (int numThreads : {1, 2, 3, 8}) {
     Velm_3D vt;
@@ -252,6 +257,12 @@ TEST(Threads, EveryThreadCountGivesTheOneMeshOfPointsInGeneralPosition) {
     EXPECT_EQ(vt.findFault(true).kind, MeshFault::NONE) << numThreads;
     if (numThreads == 1) sOne = tetSet(vt);
     else EXPECT_TRUE(tetSet(vt) == sOne) << numThreads << " threads";
+    std::vector<Tet3*> vFound;
+    vt.findTetsContaining(vMid.data(), vMid.size() / 3, vFound);
+    for (size_t i = 0; i < vFound.size(); ++i) {
+      const Point3 q(vMid[3 * i], vMid[3 * i + 1], vMid[3 * i + 2]);
+      ASSERT_TRUE(vFound[i] != nullptr && exact::containsClosed(vFound[i], q)) << numThreads << " threads, " << q;
+    }
   }
 }
 

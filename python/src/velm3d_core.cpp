@@ -351,15 +351,16 @@ public:
   // Row of the simplices array of a tetrahedron that contains each query
   // point (closed: points on facets, edges and vertices are found), -1 for
   // points outside the convex hull and for NaN or infinite coordinates; by
-  // exact point location, of the batch in the vertex store's curve order
-  // (one-threaded in the library as yet, whatever numWorkers says).
-  py::array findSimplex(const py::array_t<double, py::array::c_style>& xyz, [[maybe_unused]] int numWorkers) {
+  // exact point location, of the batch in the vertex store's curve order,
+  // in runs of that order on numWorkers threads.
+  py::array findSimplex(const py::array_t<double, py::array::c_style>& xyz, int numWorkers) {
     int64_t n = 0;
     const double* pXyz = rowsOf(xyz, n);
     Buffer<int64_t> vResult(static_cast<size_t>(n));
     ProgressContext context{py::none(), PendingError()};
     callLibrary(context, false, [&](Failure&) {
       std::vector<Tet3*> vTets;
+      pVelm->setNumThreads(numWorkers);
       pVelm->setProgressCallback(&ProgressContext::onProgress, &context);
       pVelm->findTetsContaining(pXyz, static_cast<size_t>(n), vTets);
       pVelm->setProgressCallback(nullptr, nullptr);
