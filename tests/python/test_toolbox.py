@@ -124,7 +124,8 @@ def test_voronoi_matches_scipy_in_general_position(cloud):
 def test_threads_and_pickling_change_no_array(cloud):
     points, xi = cloud
     one, four = velm3d.Delaunay(points), velm3d.Delaunay(points, workers=4)
-    for a, b in zip((one.transform, *one.vertex_neighbor_vertices), (four.transform, *four.vertex_neighbor_vertices)):
+    for a, b in zip((one.transform, one.find_simplex(xi), *one.vertex_neighbor_vertices),
+                    (four.transform, four.find_simplex(xi), *four.vertex_neighbor_vertices)):
         assert np.array_equal(a, b)
     vor = velm3d.Voronoi(points, workers=-1)
     objects = [one, vor, velm3d.LinearNDInterpolator(one, points[:, 0]), velm3d.NearestNDInterpolator(points, points)]
