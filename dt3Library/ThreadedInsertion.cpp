@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cmath>
 #include <memory>
+#include <vector>
 
 #include "BrixTest3Inline.h"
 
@@ -445,9 +446,17 @@ void Dt3::locateRunsThreaded(const double* pXyz, const std::vector<std::pair<uns
     std::atomic<unsigned long> n{0};
   };
   std::unique_ptr<Count[]> vDone(new Count[numT]);
+  // Each run starts at the store's close tetrahedron of its first row, found
+  // here: the store's key function is not for several threads at once.
+  std::vector<Tet3*> vStart(numT);
+  for (size_t t = 0; t < numT; ++t) {
+    const double* p = pXyz + 3 * vOrder[n * t / numT].second;
+    Point3 q(p[0], p[1], p[2]);
+    vStart[t] = hc3.getCloseTet(&q);
+  }
   std::atomic<bool> bStop(false);
   runThreads(numT, bStop, [&](size_t t) {
-    Tet3* pHint = nullptr;
+    Tet3* pHint = vStart[t];
     unsigned long sinceReport = 0;
     for (size_t k = n * t / numT; k < n * (t + 1) / numT && !bStop.load(std::memory_order_relaxed); ++k) {
       const double* p = pXyz + 3 * vOrder[k].second;
