@@ -14,10 +14,11 @@ does not decide.
 
 Usage (with the interpreter that has velm3d installed, e.g. build/venv/bin/python):
   bench_python.py [--repeat R] [--sets uniform-10k,...] [--cpp PATH] [--markdown FILE]
-  bench_python.py --tasks linear,griddata,voronoi,find_simplex,neighbors [--sets ...] [--workers W]
+  bench_python.py --tasks delaunay,linear,griddata,voronoi,find_simplex,neighbors [--sets ...] [--workers W]
 --cpp names bench_triangulation (default build/bench/bench/bench_triangulation
 if it exists); without it the C++ column stays empty. --tasks times the
-toolbox beyond the triangulation against scipy in the same way: linear
+toolbox against scipy in the same way: delaunay (the constructor, with
+--workers threads for velm3d), linear
 (LinearNDInterpolator, build and as many random queries as points), griddata
 (linear, as many queries as points), voronoi, and, for velm3d alone,
 find_simplex (as many random queries as points, on the built mesh) and
@@ -94,12 +95,14 @@ def toolbox_build(job, points):
     values = np.sin(points[:, 0]) + points[:, 1]
     if impl == "scipy":
         import scipy.interpolate as si
-        from scipy.spatial import Voronoi
+        from scipy.spatial import Delaunay, Voronoi
         extra = {}
     else:
         import velm3d as si
-        from velm3d import Voronoi
+        from velm3d import Delaunay, Voronoi
         extra = {"workers": workers}
+    if task == "delaunay":
+        return lambda: Delaunay(points, **extra)
     if task == "linear":
         return lambda: si.LinearNDInterpolator(points, values, **extra)(queries)
     if task == "griddata":
@@ -244,7 +247,7 @@ def toolbox(args):
     print("\n".join(lines), flush=True)
     for task in args.tasks.split(","):
         for name in args.sets.split(","):
-            impls = ["velm3d"] + (["scipy"] if task in ("linear", "griddata", "voronoi") else [])
+            impls = ["velm3d"] + (["scipy"] if task in ("delaunay", "linear", "griddata", "voronoi") else [])
             res = {}
             for _ in range(args.repeat):
                 for impl in impls:
