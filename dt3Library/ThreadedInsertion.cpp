@@ -26,6 +26,12 @@ const int nextFacet[4] = {1, 2, 3, 0};
 // less than a tenth of its points; one thread inserts what is left.
 constexpr size_t minPointsPerThread = 256;
 constexpr int maxRounds = 10;
+// The rounds also end when the points left are fewer than a restShare-th of
+// one thread's share of the level: they lie in clumps where the ranges met,
+// each point's cavity reaches its unfilled neighbours, and a round of threads
+// inserts few of them, while one thread takes them in a small part of the
+// level's time.
+constexpr size_t restShare = 25;
 
 // A batch location runs on no more threads than give each this many rows.
 constexpr size_t minRowsPerThread = 4096;
@@ -339,6 +345,7 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
   while (vThreads.size() < maxT) vThreads.emplace_back(new InsertionThread(predicates));
   std::vector<Point3*> vActive;
   vActive.swap(vLevel);
+  const size_t levelSize = vActive.size();
   std::atomic<bool> bStop(false);
   const bool bFloorFree = bAllFloorFree;
 
@@ -418,6 +425,7 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
     // the thread count, and one of two threads that inserted less than a
     // tenth leaves the rest to one thread.
     if (numT == 2 && 10 * numPostponed > 9 * m) break;
+    if (numPostponed * restShare * maxT < levelSize) break;
     if (2 * numPostponed > m) numT = std::max<size_t>(2, numT / 2);
     std::sort(vActive.begin(), vActive.end(),
               [](const Point3* a, const Point3* b) { return a->getCurveRank() < b->getCurveRank(); });

@@ -7,7 +7,8 @@
 // cavity meets a tetrahedron that is not wholly its own is postponed, with
 // nothing changed, to the next round, whose range boundaries lie elsewhere on
 // the curve; a round that inserts less than half of its points halves the
-// thread count for the next. A point on or beyond the hull is inserted by the
+// thread count for the next, and the few points left at the end go in on
+// one thread. A point on or beyond the hull is inserted by the
 // thread too, when the hull tetrahedra it sees and its cavity are its own.
 //
 // Why no lock is needed: another thread u changes a tetrahedron X only by
