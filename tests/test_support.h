@@ -39,10 +39,15 @@ namespace support {
 
 using VELM3D::Point3;
 
-// What f writes to the standard output.
+// What f writes to the standard output; a throw from f ends the capture too.
 template <class F> std::string captured(F f) {
   testing::internal::CaptureStdout();
-  f();
+  try {
+    f();
+  } catch (...) {
+    testing::internal::GetCapturedStdout(); // what follows is the test's own output again
+    throw;
+  }
   return testing::internal::GetCapturedStdout();
 }
 
