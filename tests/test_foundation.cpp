@@ -233,15 +233,13 @@ TEST(VertexStore, PointsOnCellBoundariesTakeTheUpperCell) {
   }
 }
 
-// checkQ's report: the extremes of all coordinates (with only negative ones
-// the maximum keeps its start, the smallest normal double), the bins, the
-// distances between consecutive vertices (their sum over the number of
-// vertices) and the vertices per used key.
-// checkQ's report. Keys of one level: (-10,-10,-10) and (-9,-9,-9) share
-// key 0 of the box [-12,-4], (-6,-6,-6) has key 5. The distances along the
-// curve are sqrt(3) and 3 sqrt(3), their sum is divided by the number of
-// vertices; with only negative coordinates the maximum keeps its start
-// value, the smallest normal double.
+// checkQ's report: the extremes of all coordinates, the bins, the distances
+// between consecutive vertices (their sum over the number of vertices) and
+// the vertices per used key. Keys of one level: (-10,-10,-10) and
+// (-9,-9,-9) share key 0 of the box [-12,-4], (-6,-6,-6) has key 5. The
+// distances along the curve are sqrt(3) and 3 sqrt(3); with only negative
+// coordinates the maximum keeps its start value, the smallest normal double.
+// A value equal to the minimum so far is still a candidate for the maximum.
 TEST(VertexStore, CheckQReportsExtremesBinsDistancesAndKeys) {
   HC3 h(3);
   Point3 v[3] = {Point3(-10, -10, -10), Point3(-6, -6, -6), Point3(-9, -9, -9)};
@@ -250,6 +248,10 @@ TEST(VertexStore, CheckQReportsExtremesBinsDistancesAndKeys) {
             "Points: coordMin=-10, coordMax=2.22507e-308\n\nHC3(numBits=3): We have 8 bins of which 1 are usable, "
             "expected avgNum=3\nHC3: Consecutive linear distance, avg=2.3094, max=5.19615\n"
             "HC3: NumItems per used bin, avg=1.5, max=2\n\n");
+  HC3 one(3);
+  Point3 p(5, 5, 5);
+  one.addPoint(p);
+  EXPECT_TRUE(support::contains(captured([&] { one.checkQ(); }), "Points: coordMin=5, coordMax=5\n")) << p;
 }
 
 TEST(VertexStore, SmallFirstMarginOncePerProcess) { EXPECT_IN_FRESH_PROCESS(firstMarginIsSmallOnlyOnce()); }
