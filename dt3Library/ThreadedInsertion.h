@@ -28,6 +28,7 @@
 #include <exception>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -41,6 +42,8 @@ namespace VELM3D {
 // others read to end early; the first one is thrown again in the caller's
 // thread once all have ended, with its thread's assertion report carried
 // over, so that a failing thread leaves no thread running and no lock held.
+// A share whose thread the system does not start runs on the caller's thread
+// after share 0.
 template <class Work> void runThreads(size_t numT, std::atomic<bool>& bStop, const Work& work) {
   std::mutex errorMutex;
   std::exception_ptr pError;
@@ -58,8 +61,17 @@ template <class Work> void runThreads(size_t numT, std::atomic<bool>& bStop, con
     }
   };
   std::vector<std::thread> vRunning;
-  for (size_t t = 1; t < numT; ++t) vRunning.emplace_back(guarded, t);
+  vRunning.reserve(numT);
+  size_t numStarted = 1;
+  for (; numStarted < numT; ++numStarted) {
+    try {
+      vRunning.emplace_back(guarded, numStarted);
+    } catch (const std::system_error&) {
+      break;
+    }
+  }
   guarded(0);
+  for (size_t t = numStarted; t < numT; ++t) guarded(t);
   for (std::thread& th : vRunning) th.join();
   if (pError) {
     VelmException::carryReport(errorReport);
