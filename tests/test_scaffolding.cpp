@@ -212,24 +212,6 @@ TEST_F(InTempDir, ShowWritesFacesThenCornersThenTheMark) {
   EXPECT_IN_FRESH_PROCESS(showWritesFacesThenCornersThenTheMarkAndLabelsRiseFrom1000());
 }
 
-TEST(Recycling, LastRetiredIsFirstReusedAfterTheSwap) {
-  Mesh m({0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1});
-  Tet3 *ta = m.tet(0, 1, 2, 3), *tb = m.tet(0, 1, 2, 3), *tc = m.tet(0, 1, 2, 3);
-  ta->setCustomIndex(5), m.dt.doom(ta), m.dt.doom(tb);
-  Tet3* pFresh = m.tet(0, 1, 2, 3); // retired in this round: not yet reused
-  EXPECT_TRUE(ta->getCustomIndex() == -1 && pFresh != ta && pFresh != tb && pFresh != tc);
-  m.dt.swapDoomedVectors();
-  tb->setCustomIndex(3);
-  EXPECT_EQ(m.tet(0, 1, 2, 3), tb);
-  EXPECT_TRUE(tb->getLabel() > pFresh->getLabel() && tb->getCustomIndex() == -1); // every field is set anew
-  m.dt.doom(tc), m.dt.swapDoomedVectors(); // ta, left over, goes back among the retired
-  EXPECT_EQ(m.tet(0, 1, 2, 3), tc);
-  m.dt.swapDoomedVectors();
-  EXPECT_EQ(m.tet(0, 1, 2, 3), ta);
-  Tet3* pLast = m.tet(0, 1, 2, 3);
-  EXPECT_TRUE(pLast != ta && pLast != tb && pLast != tc && pLast != pFresh);
-}
-
 // Collinear and coplanar runs before the apex, in both mirror images, so that
 // negative quadruples occur and are exchanged: the tetrahedron is the first
 // index quadruple of the store's order that spans space, made by the single
