@@ -330,15 +330,15 @@ private:
   // Every live tetrahedron, by a walk from the first stored vertex that has
   // one, appended in ascending address order; nothing when there is none.
   void collectTets(std::vector<Tet3*>& vTet) const;
+  // The locations of findTetsContaining, vOrder (curve key, row) in runs
+  // on numThreads threads (ThreadedInsertion.cpp).
+  void locateRunsThreaded(const double* pXyz, const std::vector<std::pair<unsigned int, size_t>>& vOrder,
+                          std::vector<Tet3*>& vTets);
   // One level of triangulateList on numThreads threads (ThreadedInsertion.cpp):
   // rounds of threads on owned curve ranges, then one thread for the rest.
   // vCurve is the store's curve order, ranked. numDone counts insertions
   // for the progress report. Returns a live tetrahedron, or null when the
   // progress callback stopped the work.
-  // The locations of findTetsContaining, vOrder (curve key, row) in runs
-  // on numThreads threads (ThreadedInsertion.cpp).
-  void locateRunsThreaded(const double* pXyz, const std::vector<std::pair<unsigned int, size_t>>& vOrder,
-                          std::vector<Tet3*>& vTets);
   Tet3* triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vector<Point3*>& vCurve,
                                  unsigned long& numDone, unsigned long numTotal);
   // triangulate; with bConsume, vVertices is released once split into levels.

@@ -449,6 +449,7 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
 void Dt3::locateRunsThreaded(const double* pXyz, const std::vector<std::pair<unsigned int, size_t>>& vOrder,
                              std::vector<Tet3*>& vTets) {
   const size_t n = vOrder.size();
+  if (n == 0) return;
   const size_t numT = std::max<size_t>(1, std::min<size_t>(static_cast<size_t>(numThreads), n / minRowsPerThread));
   struct alignas(64) Count {
     std::atomic<unsigned long> n{0};

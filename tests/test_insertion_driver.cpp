@@ -217,12 +217,15 @@ TEST(Locate, ClosedHullHoldsVerticesEdgesFacetsAndInside) {
     EXPECT_TRUE(vt.findTetContaining(q) == nullptr && vt.findTetContaining(q, pHint) == nullptr) << q;
     EXPECT_EQ(vt.locate(q), nullptr) << q;
   }
-  // A batch: a NaN or infinite coordinate in any place finds nothing.
+  // A batch: a NaN or infinite coordinate in any place finds nothing, also
+  // when no row is left to locate.
   const double nan = std::numeric_limits<double>::quiet_NaN();
   const std::vector<double> vRows{nan, 5, 5, 5, nan, 5, 5, 5, -HUGE_VAL, 5, 5, 5};
   std::vector<Tet3*> vFound;
   vt.findTetsContaining(vRows.data(), 4, vFound);
   EXPECT_EQ(vFound, (std::vector<Tet3*>{nullptr, nullptr, nullptr, vt.findTetContaining(Point3(5, 5, 5))}));
+  vt.findTetsContaining(vRows.data(), 3, vFound);
+  EXPECT_EQ(vFound, std::vector<Tet3*>(3, nullptr));
 }
 
 // The report of a failed assertion, kept for the calling thread only.
