@@ -305,6 +305,12 @@ public:
 
   // Queries, validation and debug output.
   void getAllTetrahedra(std::vector<Tet3*>& vTet);
+  // The same tetrahedra in the order of their records (pool by pool, block
+  // by block), without a walk: a scan of the records the pools have handed
+  // out, where hasBeenVisited tells the retired from the live, on numThreads
+  // threads (ThreadedInsertion.cpp). The order is the same for every count.
+  // vTet must be empty.
+  void getTetrahedraInRecordOrder(std::vector<Tet3*>& vTet) const;
   void getTetsAroundVertex(Point3* pVtx, std::vector<Tet3*>& vTet);
   void getIncidentTetrahera(Point3* pVtx, std::vector<Tet3*>& vTet);
   bool checkValidity(const std::string& where, bool bCheckVisited, bool bCheckSphereInc);

@@ -114,6 +114,10 @@ public:
     return i == 0 ? vBlockSizes[0] : vBlockSizes[vBlockSizes.size() - vBlocks.size() + i];
   }
   size_t getNumBlocks() const { return vBlocks.size(); }
+  // How many records of block i have been handed out: all of a block before
+  // the last one (a new block is taken only when the last is full), the
+  // records up to lastIndex of the last one.
+  int getNumHandedOut(size_t i) const { return i + 1 < vBlocks.size() ? getBlockSize(i) : lastIndex + 1; }
   int getMaxBlockSize() const { return maxBlockSize; }
 
 private:

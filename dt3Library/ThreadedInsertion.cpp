@@ -484,4 +484,50 @@ void Dt3::locateRunsThreaded(const double* pXyz, const std::vector<std::pair<uns
   });
 }
 
+void Dt3::getTetrahedraInRecordOrder(std::vector<Tet3*>& vTet) const {
+  VELM_ASSERT(vTet.empty());
+  struct Run {
+    Tet3* pFirst;
+    size_t size;
+  };
+  std::vector<Run> vRuns;
+  size_t numRecords = 0;
+  const auto addPool = [&](const BRIX_TOOLS::SimplePool<Tet3>& pool) {
+    for (size_t i = 0; i < pool.getNumBlocks(); ++i) {
+      const size_t size = static_cast<size_t>(pool.getNumHandedOut(i));
+      if (size > 0) vRuns.push_back({pool.getBlocks()[i], size});
+      numRecords += size;
+    }
+  };
+  addPool(poolTet);
+  for (const auto& pThread : vThreads) addPool(pThread->getPool());
+  // Thread t takes the records [numRecords * t / numT, numRecords * (t+1) /
+  // numT) of the runs laid end to end and collects its live ones; then each
+  // copies its own to their place.
+  const size_t numT = std::max<size_t>(1, std::min<size_t>(static_cast<size_t>(numThreads), numRecords / minRowsPerThread));
+  std::vector<std::vector<Tet3*>> vFound(numT);
+  std::atomic<bool> bStop(false);
+  runThreads(numT, bStop, [&](size_t t) {
+    const size_t first = numRecords * t / numT, end = numRecords * (t + 1) / numT;
+    std::vector<Tet3*>& vMine = vFound[t];
+    vMine.reserve(end - first);
+    size_t runStart = 0;
+    for (const Run& run : vRuns) {
+      const size_t from = std::max(first, runStart), to = std::min(end, runStart + run.size);
+      for (size_t k = from; k < to; ++k) {
+        Tet3* pTet = run.pFirst + (k - runStart);
+        if (!pTet->hasBeenVisited) vMine.push_back(pTet);
+      }
+      runStart += run.size;
+    }
+  });
+  std::vector<size_t> vOffset(numT + 1, 0);
+  for (size_t t = 0; t < numT; ++t) vOffset[t + 1] = vOffset[t] + vFound[t].size();
+  vTet.resize(vOffset[numT]);
+  runThreads(numT, bStop, [&](size_t t) {
+    std::copy(vFound[t].begin(), vFound[t].end(), vTet.begin() + static_cast<long>(vOffset[t]));
+    std::vector<Tet3*>().swap(vFound[t]);
+  });
+}
+
 } // namespace VELM3D

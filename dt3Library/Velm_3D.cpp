@@ -67,6 +67,7 @@ int Velm_3D::getNumThreads() const { return pDt3->getNumThreads(); }
 
 void Velm_3D::getVertices(std::vector<Point3*>& vVtx) const { pDt3->getVertexPointers(vVtx); }
 void Velm_3D::getTetrahedra(std::vector<Tet3*>& vTet) const { pDt3->getAllTetrahedra(vTet); }
+void Velm_3D::getTetrahedraInRecordOrder(std::vector<Tet3*>& vTet) const { pDt3->getTetrahedraInRecordOrder(vTet); }
 void Velm_3D::getTetsAroundVertex(Point3* pVtx, std::vector<Tet3*>& vTet) {
   pDt3->getTetsAroundVertex(pVtx, vTet);
 }

@@ -68,6 +68,11 @@ public:
 
   void getVertices(std::vector<Point3*>& vVtx) const;
   void getTetrahedra(std::vector<Tet3*>& vTet) const;
+  // The same tetrahedra in the order of their records in memory, by a scan
+  // on setNumThreads threads instead of a walk: for a large mesh several
+  // times faster. The order depends on the records the insertions happened
+  // to reuse, so it can differ between two meshes of the same points.
+  void getTetrahedraInRecordOrder(std::vector<Tet3*>& vTet) const;
   void getTetsAroundVertex(Point3* pVtx, std::vector<Tet3*>& vTet);
   bool is3D() const;
   Tet3* locate(const Point3& p);

@@ -242,9 +242,10 @@ void insertThreaded(Velm_3D& vt, std::vector<Point3> v, int numThreads) {
 } // namespace
 
 // In general position the Delaunay mesh is unique: every thread count gives
-// the same tetrahedra, more threads than cores included. The batch location
-// on as many threads finds each midpoint of two input points (inside the
-// hull) in a tetrahedron that holds it.
+// the same tetrahedra, more threads than cores included, and the scan of the
+// record pools lists those the walk lists. The batch location on as many
+// threads finds each midpoint of two input points (inside the hull) in a
+// tetrahedron that holds it.
 TEST(Threads, EveryThreadCountGivesTheOneMeshOfPointsInGeneralPosition) {
   const std::vector<Point3> v = support::randomPoints(40000, 21);
   std::vector<double> vMid;
@@ -255,6 +256,11 @@ TEST(Threads, EveryThreadCountGivesTheOneMeshOfPointsInGeneralPosition) {
     Velm_3D vt;
     insertThreaded(vt, v, numThreads);
     EXPECT_EQ(vt.findFault(true).kind, MeshFault::NONE) << numThreads;
+    std::vector<Tet3*> vWalked, vScanned; // the scan of the pools finds what the walk finds
+    vt.getTetrahedra(vWalked);
+    vt.getTetrahedraInRecordOrder(vScanned);
+    std::sort(vScanned.begin(), vScanned.end());
+    EXPECT_TRUE(vScanned == vWalked) << numThreads;
     if (numThreads == 1) sOne = tetSet(vt);
     else EXPECT_TRUE(tetSet(vt) == sOne) << numThreads << " threads";
     std::vector<Tet3*> vFound;

@@ -295,6 +295,39 @@ template <class I> struct IndexArrays {
   }
 };
 
+// Calls body(chunk, begin, end) for the consecutive chunks of chunkSize
+// items of [0, n), taken in turn by up to numWorkers threads, the caller's
+// among them. An exception in any thread stops the others from taking more
+// and is raised again in the caller once all have stopped. A thread that
+// can't be started leaves its share to the others.
+template <class F> void forChunks(int numWorkers, size_t n, size_t chunkSize, F body) {
+  const size_t numChunks = (n + chunkSize - 1) / chunkSize;
+  std::atomic<size_t> next(0);
+  std::exception_ptr pError;
+  std::mutex errorMutex;
+  const auto run = [&]() {
+    try {
+      for (size_t k = next++; k < numChunks; k = next++) body(k, k * chunkSize, std::min(n, (k + 1) * chunkSize));
+    } catch (...) {
+      std::lock_guard<std::mutex> lock(errorMutex);
+      if (!pError) pError = std::current_exception();
+      next = numChunks;
+    }
+  };
+  std::vector<std::thread> vThreads;
+  const size_t numThreads = std::min<size_t>(static_cast<size_t>(std::max(numWorkers, 1)), numChunks);
+  for (size_t i = 1; i < numThreads; ++i) {
+    try {
+      vThreads.emplace_back(run);
+    } catch (std::system_error&) {
+      break;
+    }
+  }
+  run();
+  for (std::thread& t : vThreads) t.join();
+  if (pError) std::rethrow_exception(pError);
+}
+
 class Triangulation {
 public:
   explicit Triangulation(bool bVerbose_) : bVerbose(bVerbose_) {
@@ -342,8 +375,20 @@ public:
       pVelm->setNumThreads(numWorkers);
       insertRows(pXyz, n, context);
       if (context.pending.isSet() || context.bAbandoned) return;
-      bInt64 = static_cast<int64_t>(vHandles.size()) > int32Limit || !numberAndFill(arrays32);
-      if (bInt64) numberAndFill(arrays64);
+      // A small batch goes in on one thread whatever numWorkers says; the
+      // walk then numbers its mesh as it numbers the mesh of one worker.
+      if (numWorkers == 1 || n < minRowsForRecordOrder) {
+        bInt64 = static_cast<int64_t>(vHandles.size()) > int32Limit || !numberAndFill(arrays32);
+        if (bInt64) numberAndFill(arrays64);
+        return;
+      }
+      std::vector<Tet3*> vTets;
+      numberInRecordOrder(vTets, numWorkers);
+      bInt64 = static_cast<int64_t>(std::max(vHandles.size(), vTets.size())) > int32Limit;
+      if (bInt64)
+        fillInRecordOrder(vTets, arrays64, numWorkers);
+      else
+        fillInRecordOrder(vTets, arrays32, numWorkers);
     });
     return bInt64 ? arrays64.toPython() : arrays32.toPython();
   }
@@ -545,8 +590,49 @@ private:
     const size_t numTets = vQueue.size();
     out.simplices.resize(4 * numTets);
     out.neighbors.resize(4 * numTets);
-    // vertex_of_point, and the rows [point, a tetrahedron of its vertex,
-    // its vertex] for the points that repeat an earlier one.
+    fillPointArrays(out);
+    return true;
+  }
+
+  // With the mutex held: all live tetrahedra into vTets in the order of
+  // their records (a scan of the pools, not a walk), each numbered with its
+  // place there, on numWorkers threads. Some 3 times faster than the walk of
+  // numberAndFill on one thread, and it shares out, but the order follows
+  // the records the insertions happened to reuse, which differs from one
+  // mesh to the next when several threads built it.
+  void numberInRecordOrder(std::vector<Tet3*>& vTets, int numWorkers) {
+    ++generation;
+    if (pVelm->is3D()) pVelm->getTetrahedraInRecordOrder(vTets);
+    if (vTets.size() > static_cast<size_t>(std::numeric_limits<int>::max() - 2)) throw std::bad_alloc();
+    forChunks(numWorkers, vTets.size(), tetChunk, [&](size_t, size_t begin, size_t end) {
+      for (size_t k = begin; k < end; ++k) vTets[k]->setCustomIndex(encodeTet(k));
+    });
+  }
+
+  // The index arrays of the tetrahedra numbered by numberInRecordOrder, on
+  // numWorkers threads.
+  template <class I> void fillInRecordOrder(const std::vector<Tet3*>& vTets, IndexArrays<I>& out, int numWorkers) {
+    out.simplices.resize(4 * vTets.size());
+    out.neighbors.resize(4 * vTets.size());
+    forChunks(numWorkers, vTets.size(), tetChunk, [&](size_t, size_t begin, size_t end) {
+      for (size_t k = begin; k < end; ++k) {
+        const Tet3* pTet = vTets[k];
+        I* pS = out.simplices.data() + 4 * k;
+        I* pN = out.neighbors.data() + 4 * k;
+        for (int i = 0; i < 4; ++i) {
+          pS[i] = static_cast<I>(pTet->getCorner(i)->getCustomIndex());
+          const Tet3* pOpp = pTet->getOppTet(i);
+          pN[i] = pOpp != nullptr ? static_cast<I>(tetIndex(pOpp)) : I(-1);
+        }
+      }
+    });
+    fillPointArrays(out);
+  }
+
+  // vertex_of_point, and the rows [point, a tetrahedron of its vertex, its
+  // vertex] for the points that repeat an earlier one.
+  template <class I> void fillPointArrays(IndexArrays<I>& out) {
+    const size_t numPts = vHandles.size();
     out.vertexOfPoint.resize(numPts);
     size_t numRepeats = 0;
     for (size_t i = 0; i < numPts; ++i) {
@@ -562,8 +648,10 @@ private:
       *pC++ = pOne == nullptr ? I(-1) : static_cast<I>(tetIndex(pOne));
       *pC++ = out.vertexOfPoint[i];
     }
-    return true;
   }
+
+  static constexpr size_t tetChunk = size_t(1) << 16;
+  static constexpr int64_t minRowsForRecordOrder = 50000;
 
   std::unique_ptr<Velm_3D> pVelm;
   std::vector<Point3*> vHandles; // the stored vertex of each point
@@ -578,39 +666,6 @@ private:
 // work of each runs over chunks of its items, taken in turn by `workers`
 // threads; the chunks' results are joined in chunk order, so that the
 // arrays do not depend on the number of threads.
-
-// Calls body(chunk, begin, end) for the consecutive chunks of chunkSize
-// items of [0, n), taken in turn by up to numWorkers threads, the caller's
-// among them. An exception in any thread stops the others from taking more
-// and is raised again in the caller once all have stopped. A thread that
-// can't be started leaves its share to the others.
-template <class F> void forChunks(int numWorkers, size_t n, size_t chunkSize, F body) {
-  const size_t numChunks = (n + chunkSize - 1) / chunkSize;
-  std::atomic<size_t> next(0);
-  std::exception_ptr pError;
-  std::mutex errorMutex;
-  const auto run = [&]() {
-    try {
-      for (size_t k = next++; k < numChunks; k = next++) body(k, k * chunkSize, std::min(n, (k + 1) * chunkSize));
-    } catch (...) {
-      std::lock_guard<std::mutex> lock(errorMutex);
-      if (!pError) pError = std::current_exception();
-      next = numChunks;
-    }
-  };
-  std::vector<std::thread> vThreads;
-  const size_t numThreads = std::min<size_t>(static_cast<size_t>(std::max(numWorkers, 1)), numChunks);
-  for (size_t i = 1; i < numThreads; ++i) {
-    try {
-      vThreads.emplace_back(run);
-    } catch (std::system_error&) {
-      break;
-    }
-  }
-  run();
-  for (std::thread& t : vThreads) t.join();
-  if (pError) std::rethrow_exception(pError);
-}
 
 template <class I> py::array vertexToSimplex(const py::array_t<I, py::array::c_style>& simplices, int64_t numPoints) {
   const int64_t m = simplices.shape(0);
