@@ -315,6 +315,7 @@ void Dt3::triangulateList(std::vector<Point3*>& vVertices, Tet3* pLastTet, bool 
 void Dt3::setNumThreads(int n) {
   VELM_ASSERT(n>=0);
   numThreads = n > 0 ? n : std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
+  hc3.setNumThreads(numThreads);
 }
 
 void Dt3::debug_triangulateInOrder(std::vector<Point3*>& vVertices, Tet3* pLastTet) {

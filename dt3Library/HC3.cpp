@@ -12,6 +12,7 @@
 #include <iterator>
 #include <map>
 
+#include "RunThreads.h"
 #include "Tet3.h"
 #include "freeFunctions.h"
 
@@ -25,6 +26,10 @@ namespace {
 
 using KeyAndIndex = std::pair<unsigned int, unsigned long>;
 using RecentSet = std::set<IdxVtx, Func_ltIdxVtx>;
+
+// A step of the bulk intake goes to threads in shares of at least this many
+// points: below it, starting a thread costs more than it saves.
+constexpr size_t minShare = 32768;
 
 // Sorts by key, then by index, as std::sort on the pairs would. The pairs
 // arrive in index order, so a stable sort by key alone gives that order: a
@@ -129,17 +134,20 @@ const void* addressOf(const PointRows& rows, size_t i) { return rows.address(i);
 
 // Step 2 of a bulk insertion: the (key, input index) pairs of the batch, by
 // key and, with equal keys, by input order.
-template <class Points> std::vector<KeyAndIndex> keysInCurveOrder(HC3& store, const Points& vPoints) {
+template <class Points>
+std::vector<KeyAndIndex> keysInCurveOrder(const HC3& store, const Points& vPoints, size_t numThreads) {
   const size_t n = vPoints.size();
   std::vector<KeyAndIndex> vKeys(n);
-  for (size_t i = 0; i < n; ++i) vKeys[i] = std::make_pair(store.iReset(vPoints[i]), static_cast<unsigned long>(i));
+  runShares(numThreads, n, minShare, [&](size_t begin, size_t end) {
+    for (size_t i = begin; i < end; ++i) vKeys[i] = std::make_pair(store.keyOf(vPoints[i]), static_cast<unsigned long>(i));
+  });
   sortByKey(vKeys);
   return vKeys;
 }
 
 // Step 3 of a bulk insertion: the batch is taken in key order and each input
 // gets its vertex. A point alone at its key, with no stored vertex of that
-// key, becomes a vertex at once: that is nearly every point. A key shared by
+// key, becomes a vertex without more ado: that is nearly every point. A key shared by
 // several points of the batch or by stored vertices makes a group, in which
 // sorting by coordinates finds the repeats, of one another and of stored
 // vertices; of equal points the first in input order is the one stored, and
@@ -154,25 +162,42 @@ public:
         vNewVertices(vNewVertices_) {}
 
   // Gives every input its handle and returns the new entries in curve order.
-  std::vector<IdxVtx> run() {
+  // On several threads a point alone at its key gets its record here, in
+  // curve order, and its coordinates and handle afterwards, in shares: that
+  // second step reads the points all over the input and writes the handles
+  // all over vUserHandles, and is most of the time. (On one thread the
+  // record is filled at once, while it is in the cache.)
+  std::vector<IdxVtx> run(size_t numThreads) {
     const size_t n = vKeys.size();
+    const bool bDeferred = numThreads > 1 && n >= 2 * minShare;
     vAdd.reserve(n);
+    if (bDeferred) vAlone.assign(n, nullptr);
     auto existing = vSorted.begin();
     for (size_t first = 0; first < n;) {
       // The points are read in key order, all over the input: ask ahead.
-      if (first + 16 < n) __builtin_prefetch(addressOf(vPoints, vKeys[first + 16].second));
+      if (!bDeferred && first + 16 < n) __builtin_prefetch(addressOf(vPoints, vKeys[first + 16].second));
       const unsigned int key = vKeys[first].first;
       size_t last = first + 1;
       while (last < n && vKeys[last].first == key) ++last;
       existing = std::lower_bound(existing, vSorted.end(), IdxVtx{key, nullptr}, Func_ltIdxVtx());
       const bool bStoredKey = existing != vSorted.end() && existing->idx == key;
       if (last == first + 1 && !bStoredKey) {
-        vAdd.push_back({key, makeVertex(first)});
+        vAdd.push_back({key, bDeferred ? reserveVertex(first) : makeVertex(first)});
       } else {
         findRepeats(first, last, existing);
         storeGroup(first, last);
       }
       first = last;
+    }
+    if (bDeferred) {
+      runShares(numThreads, n, minShare, [&](size_t begin, size_t end) {
+        for (size_t k = begin; k < end; ++k) {
+          if (k + 16 < end) __builtin_prefetch(addressOf(vPoints, vKeys[k + 16].second));
+          if (vAlone[k] == nullptr) continue;
+          vAlone[k]->init(pointAt(k));
+          vUserHandles[vKeys[k].second] = vAlone[k];
+        }
+      });
     }
     return std::move(vAdd);
   }
@@ -180,6 +205,15 @@ public:
 private:
   // A reference into a vector of points, a point made from a row.
   decltype(auto) pointAt(size_t k) const { return vPoints[vKeys[k].second]; }
+
+  // The record of a new vertex for the input at sorted position k, to be
+  // filled later.
+  Point3* reserveVertex(size_t k) {
+    Point3* pVtx = pointPool.nextObject();
+    vAlone[k] = pVtx;
+    vNewVertices.push_back(pVtx);
+    return pVtx;
+  }
 
   // A new vertex for the input at sorted position k.
   Point3* makeVertex(size_t k) {
@@ -238,6 +272,7 @@ private:
   std::vector<Point3*>& vUserHandles;
   std::vector<Point3*>& vNewVertices;
   std::vector<IdxVtx> vAdd;
+  std::vector<Point3*> vAlone; // the reserved record of sorted position k, or null
   std::vector<size_t> vGroup;
   std::vector<long> vKind;
 };
@@ -268,7 +303,13 @@ HC3::HC3(unsigned int numBits_)
 }
 
 unsigned int HC3::iReset(const Point3& p) {
-  level = numBits - 3;
+  const unsigned int key = keyOf(p);
+  level = 0;
+  return key;
+}
+
+unsigned int HC3::keyOf(const Point3& p) const {
+  const unsigned long level = numBits - 3;
   double dx = p.x() - *pMinX, dy = p.y() - *pMinY, dz = p.z() - *pMinZ;
   double hx = lenX * 0.5, hy = lenY, hz = lenZ;
   // Every octant test of a level compares against half the x extent.
@@ -292,7 +333,6 @@ unsigned int HC3::iReset(const Point3& p) {
     key += static_cast<unsigned int>(addVls[o2][s]) << shift;
     o = o2;
   }
-  level = 0;
   return key;
 }
 
@@ -376,11 +416,12 @@ void HC3::widenBoxFor(const double* pXyz, size_t numRows) {
 template <class Points>
 void HC3::addBatch(const Points& vPoints, std::vector<Point3*>& vUserHandles, std::vector<Point3*>& vNewVertices) {
   mergeRecent();
-  const std::vector<KeyAndIndex> vKeys = keysInCurveOrder(*this, vPoints);
+  const size_t numT = static_cast<size_t>(numThreads);
+  const std::vector<KeyAndIndex> vKeys = keysInCurveOrder(*this, vPoints, numT);
   vUserHandles.assign(vPoints.size(), nullptr);
   vNewVertices.reserve(vNewVertices.size() + vPoints.size());
   std::vector<IdxVtx> vAdd =
-      BulkInsertion<Points>(vPoints, vKeys, vSorted, pointPool, vUserHandles, vNewVertices).run();
+      BulkInsertion<Points>(vPoints, vKeys, vSorted, pointPool, vUserHandles, vNewVertices).run(numT);
   if (vSorted.empty()) vSorted.swap(vAdd);
   else if (!vAdd.empty()) mergeIntoSorted(vAdd.begin(), vAdd.end());
 }

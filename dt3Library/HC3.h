@@ -55,6 +55,11 @@ public:
   HC3& operator=(const HC3&) = delete;
 
   unsigned int iReset(const Point3& p);
+  // The key iReset gives p, without writing level: for several threads at
+  // once.
+  unsigned int keyOf(const Point3& p) const;
+  // The threads of the bulk intake's steps (the keys, the vertex records).
+  void setNumThreads(int n) { numThreads = n; }
   void reconfig();
   void addPoints(std::vector<Point3>& vPoints, std::vector<Point3*>& vUserHandles,
                  std::vector<Point3*>& vNewVertices);
@@ -109,6 +114,9 @@ private:
 
   // Set by the first bulk insertion of the process, on any object and thread.
   static std::atomic<bool> bFirstEnlarge;
+
+private:
+  int numThreads = 1;
 };
 
 } // namespace VELM3D
