@@ -247,7 +247,7 @@ void insertThreaded(Velm_3D& vt, std::vector<Point3> v, int numThreads) {
 // threads finds each midpoint of two input points (inside the hull) in a
 // tetrahedron that holds it.
 TEST(Threads, EveryThreadCountGivesTheOneMeshOfPointsInGeneralPosition) {
-  const std::vector<Point3> v = support::randomPoints(40000, 21);
+  const std::vector<Point3> v = support::randomPoints(70000, 21);
   std::vector<double> vMid;
   for (size_t i = 0; i + 1 < v.size(); i += 2)
     vMid.insert(vMid.end(), {(v[i].x() + v[i + 1].x()) / 2, (v[i].y() + v[i + 1].y()) / 2, (v[i].z() + v[i + 1].z()) / 2});
@@ -276,7 +276,7 @@ TEST(Threads, EveryThreadCountGivesTheOneMeshOfPointsInGeneralPosition) {
 // Delaunay by the exact check; a second threaded insertion adds to a mesh.
 TEST(Threads, EightThreadsOnDegenerateSetsGiveDelaunayMeshes) {
   const std::vector<std::pair<std::string, std::vector<Point3>>> vSets{
-      {"grid", support::grid(34)}, {"shells", shells()}, {"scan", scanLike(40000, 3)}};
+      {"grid", support::grid(34)}, {"shells", shells()}, {"scan", scanLike(70000, 3)}};
   for (const auto& [name, v] : vSets) {
     Velm_3D vt;
     insertThreaded(vt, v, 8);
