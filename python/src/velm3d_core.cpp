@@ -616,6 +616,14 @@ private:
     out.neighbors.resize(4 * vTets.size());
     forChunks(numWorkers, vTets.size(), tetChunk, [&](size_t, size_t begin, size_t end) {
       for (size_t k = begin; k < end; ++k) {
+        // The neighbours and corners lie all over memory: ask ahead.
+        if (k + 8 < end) {
+          const Tet3* pAhead = vTets[k + 8];
+          for (int i = 0; i < 4; ++i) {
+            __builtin_prefetch(pAhead->getOppTet(i));
+            __builtin_prefetch(pAhead->getCorner(i));
+          }
+        }
         const Tet3* pTet = vTets[k];
         I* pS = out.simplices.data() + 4 * k;
         I* pN = out.neighbors.data() + 4 * k;
