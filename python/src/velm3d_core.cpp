@@ -61,6 +61,11 @@ namespace {
 // int64. Tests lower it to reach the int64 path with small inputs.
 int64_t int32Limit = std::numeric_limits<int32_t>::max();
 
+// With several workers, a call of at least this many rows numbers the
+// tetrahedra in the order of their records (see Triangulation::insert).
+// Tests lower it to reach that numbering with small inputs.
+int64_t minRowsForRecordOrder = 50000;
+
 // The thread that imported the module, taken for the one that will shut the
 // interpreter down.
 unsigned long mainThreadIdent = 0;
@@ -659,7 +664,6 @@ private:
   }
 
   static constexpr size_t tetChunk = size_t(1) << 16;
-  static constexpr int64_t minRowsForRecordOrder = 50000;
 
   std::unique_ptr<Velm_3D> pVelm;
   std::vector<Point3*> vHandles; // the stored vertex of each point
@@ -1404,5 +1408,6 @@ PYBIND11_MODULE(_core, m) {
   m.def("_orientation_sign", &orientationSign);
   m.def("_two_product_tail", &twoProductTail);
   m.def("_set_int32_limit", [](int64_t limit) { int32Limit = limit; });
+  m.def("_set_min_rows_for_record_order", [](int64_t n) { minRowsForRecordOrder = n; });
   mainThreadIdent = py::module_::import("threading").attr("main_thread")().attr("ident").cast<unsigned long>();
 }
