@@ -147,11 +147,11 @@ std::vector<KeyAndIndex> keysInCurveOrder(const HC3& store, const Points& vPoint
 
 // Step 3 of a bulk insertion: the batch is taken in key order and each input
 // gets its vertex. A point alone at its key, with no stored vertex of that
-// key, becomes a vertex without more ado: that is nearly every point. A key shared by
-// several points of the batch or by stored vertices makes a group, in which
-// sorting by coordinates finds the repeats, of one another and of stored
-// vertices; of equal points the first in input order is the one stored, and
-// the new vertices are made in input order. The new entries are collected
+// key, becomes a vertex with no further test: that is nearly every point. A
+// key shared by several points of the batch or by stored vertices makes a
+// group, in which sorting by coordinates finds the repeats, of one another
+// and of stored vertices; of equal points the first in input order is the
+// one stored, and the new vertices are made in input order. The new entries are collected
 // in the store's order, for one merge into the flat array at the end.
 template <class Points> class BulkInsertion {
 public:
@@ -309,16 +309,17 @@ unsigned int HC3::iReset(const Point3& p) {
 }
 
 unsigned int HC3::keyOf(const Point3& p) const {
-  const unsigned long level = numBits - 3;
+  // The shift of the top octant's digit; each finer octant's is 3 less.
+  const unsigned long topShift = numBits - 3;
   double dx = p.x() - *pMinX, dy = p.y() - *pMinY, dz = p.z() - *pMinZ;
   double hx = lenX * 0.5, hy = lenY, hz = lenZ;
   // Every octant test of a level compares against half the x extent.
   int bx = dx >= hx, by = dy >= hx, bz = dz >= hx;
   int o = 4 * bx + 2 * by + bz;
-  unsigned int key = static_cast<unsigned int>(addVls[o][0]) << level;
-  if (level == 0) return key;
+  unsigned int key = static_cast<unsigned int>(addVls[o][0]) << topShift;
+  if (topShift == 0) return key;
   int s = 0;
-  for (long shift = static_cast<long>(level) - 3; shift >= 0; shift -= 3) {
+  for (long shift = static_cast<long>(topShift) - 3; shift >= 0; shift -= 3) {
     hy *= 0.5;
     hz *= 0.5;
     dz -= bz * hz;
