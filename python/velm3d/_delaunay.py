@@ -118,9 +118,13 @@ class Delaunay:
     verbose : bool
         Let the library print its own lines on standard output.
     workers : int
-        Threads for the arrays derived from the mesh (``transform``,
-        ``vertex_neighbor_vertices``) and for ``find_simplex``: a count, or -1
-        for all cores. The insertion and the location are one-threaded as yet.
+        Threads, as scipy counts them (a count, or -1 for all cores), for the
+        insertion, the arrays derived from the mesh (``transform``,
+        ``vertex_neighbor_vertices``) and ``find_simplex``. With more than one
+        and at least 50,000 points in a call, the tetrahedra are also numbered
+        on the threads, in the order of the library's records: the rows of
+        ``simplices`` may then come in another order from one run to the next
+        (the set of tetrahedra does not, for points in general position).
 
     Attributes, as in ``scipy.spatial.Delaunay``: ``points``, ``simplices``
     (every tetrahedron positively oriented: corner 3 lies on the side to which
