@@ -80,8 +80,12 @@ TEST(Levels, EvenLevelsRunBackwardsOddLevelsForwards) {
   EXPECT_EQ(firstInsertedTwin(1000, v[6].front(), v[6].back()), v[6].back());
   EXPECT_EQ(firstInsertedTwin(1000, v[5].front(), v[5].back()), v[5].front());
   EXPECT_EQ(firstInsertedTwin(1000, v[6].front(), v[1].back()), v[1].back());
-  // The debug driver inserts in list order, without levels.
+  // The debug driver inserts in list order, without levels; the driver of
+  // pending points is switched off and only says so.
   EXPECT_EQ(firstInsertedTwin(40, 3, 20, true), 3u);
+  Dt3 dt(nullptr);
+  EXPECT_EQ(captured([&] { dt.insertPendingPoints(); }),
+            captured([] { fatBar("Dt3::insertPendingPoints() is currently not active", false, false); }));
 }
 
 TEST(Driver, VectorInsertsPrintTheirSizeAndGiveOneHandlePerInput) {
