@@ -232,6 +232,25 @@ TEST(Locate, ClosedHullHoldsVerticesEdgesFacetsAndInside) {
   EXPECT_EQ(vFound, std::vector<Tet3*>(3, nullptr));
 }
 
+// A damaged mesh whose walk cycles: two records of one tetrahedron, each the
+// other's neighbour across facets 0 and 1, and a point beyond facet 1. The
+// watchdog gives up after its steps with its line, and leaves the start on
+// the tetrahedron or its neighbour (facets 2 and 3 have none).
+TEST(Locate, TheWatchdogEndsAWalkThatCycles) {
+  Dt3 dt(nullptr);
+  Point3 p[4] = {Point3(0, 0, 0), Point3(1, 0, 0), Point3(0, 1, 0), Point3(0, 0, 1)}, q(-1, 0.1, 0.1);
+  Tet3* pA = dt.createTet(&p[0], &p[1], &p[2], &p[3]);
+  Tet3* pB = dt.createTet(&p[0], &p[1], &p[2], &p[3]);
+  for (int i : {0, 1}) pA->setOppTet(i, pB), pB->setOppTet(i, pA);
+  for (int k = 0; k < 20; ++k) {
+    Tet3* pStart = pA;
+    int result = 0;
+    EXPECT_EQ(captured([&] { result = dt.locateConflictTet(&q, pStart); }), "watchDog: bad point\n");
+    EXPECT_EQ(result, locateStepLimit);
+    EXPECT_TRUE(pStart == pA || pStart == pB);
+  }
+}
+
 // The report of a failed assertion, kept for the calling thread only.
 TEST(Report, LastReportNamesTheConditionAndThePlaceOfTheThread) {
   Dt3 dt(nullptr);
