@@ -151,8 +151,9 @@ std::vector<KeyAndIndex> keysInCurveOrder(const HC3& store, const Points& vPoint
 // key shared by several points of the batch or by stored vertices makes a
 // group, in which sorting by coordinates finds the repeats, of one another
 // and of stored vertices; of equal points the first in input order is the
-// one stored, and the new vertices are made in input order. The new entries are collected
-// in the store's order, for one merge into the flat array at the end.
+// one stored, and the new vertices are made in input order. The new entries
+// are collected in the store's order, for one merge into the flat array at
+// the end.
 template <class Points> class BulkInsertion {
 public:
   BulkInsertion(const Points& vPoints_, const std::vector<KeyAndIndex>& vKeys_,

@@ -114,8 +114,6 @@ private:
 
   // Set by the first bulk insertion of the process, on any object and thread.
   static std::atomic<bool> bFirstEnlarge;
-
-private:
   int numThreads = 1;
 };
 

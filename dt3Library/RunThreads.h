@@ -57,11 +57,17 @@ template <class Work> void runThreads(size_t numT, std::atomic<bool>& bStop, con
   }
 }
 
-// Runs work(begin, end) on numThreads threads (fewer where the shares would
-// hold less than minShare items), for consecutive shares of [0, n) that
-// together cover it; the caller's thread takes the first share.
+// The threads for n items: numThreads, fewer where a thread would get less
+// than minShare of them, at least one.
+inline size_t threadsFor(size_t numThreads, size_t n, size_t minShare) {
+  return std::max<size_t>(1, std::min(numThreads, n / std::max<size_t>(minShare, 1)));
+}
+
+// Runs work(begin, end) on threadsFor(numThreads, n, minShare) threads, for
+// consecutive shares of [0, n) that together cover it; the caller's thread
+// takes the first share.
 template <class Work> void runShares(size_t numThreads, size_t n, size_t minShare, const Work& work) {
-  const size_t numT = std::max<size_t>(1, std::min(numThreads, n / std::max<size_t>(minShare, 1)));
+  const size_t numT = threadsFor(numThreads, n, minShare);
   std::atomic<bool> bStop(false);
   runThreads(numT, bStop, [&](size_t t) { work(n * t / numT, n * (t + 1) / numT); });
 }

@@ -450,7 +450,7 @@ void Dt3::locateRunsThreaded(const double* pXyz, const std::vector<std::pair<uns
                              std::vector<Tet3*>& vTets) {
   const size_t n = vOrder.size();
   if (n == 0) return;
-  const size_t numT = std::max<size_t>(1, std::min<size_t>(static_cast<size_t>(numThreads), n / minRowsPerThread));
+  const size_t numT = threadsFor(static_cast<size_t>(numThreads), n, minRowsPerThread);
   struct alignas(64) Count {
     std::atomic<unsigned long> n{0};
   };
@@ -504,7 +504,7 @@ void Dt3::getTetrahedraInRecordOrder(std::vector<Tet3*>& vTet) const {
   // Thread t takes the records [numRecords * t / numT, numRecords * (t+1) /
   // numT) of the runs laid end to end and collects its live ones; then each
   // copies its own to their place.
-  const size_t numT = std::max<size_t>(1, std::min<size_t>(static_cast<size_t>(numThreads), numRecords / minRowsPerThread));
+  const size_t numT = threadsFor(static_cast<size_t>(numThreads), numRecords, minRowsPerThread);
   std::vector<std::vector<Tet3*>> vFound(numT);
   std::atomic<bool> bStop(false);
   runThreads(numT, bStop, [&](size_t t) {

@@ -25,16 +25,10 @@
 #pragma once
 
 #include <atomic>
-#include <exception>
-#include <mutex>
-#include <string>
-#include <system_error>
-#include <thread>
 #include <vector>
 
 #include "Dt3.h"
 #include "RunThreads.h"
-#include "freeFunctions.h"
 
 namespace VELM3D {
 
