@@ -347,6 +347,10 @@ private:
   // progress callback stopped the work.
   Tet3* triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vector<Point3*>& vCurve,
                                  unsigned long& numDone, unsigned long numTotal);
+  // The threads' points and ranges of a round on the shifted grid
+  // (ThreadedInsertion.cpp); the ranks of vCurve hold their owners until
+  // the round has ended.
+  void assignCells(const std::vector<Point3*>& vActive, const std::vector<Point3*>& vCurve, size_t numT, int round);
   // triangulate; with bConsume, vVertices is released once split into levels.
   void triangulateList(std::vector<Point3*>& vVertices, Tet3* pLastTet, bool bConsume);
   // Takes a fresh record from the pool (when no retired one is waiting).

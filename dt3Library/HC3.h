@@ -70,6 +70,8 @@ public:
   std::pair<Point3*, Tet3*> addPoint(Point3& p);
   void getVertices(std::vector<Point3*>& v) const;
   unsigned long getNumStoredVtx() const { return vSorted.size() + sRecent.size(); }
+  // The box of the curve: it holds every stored vertex.
+  const Bbox3& getBox() const { return bbox; }
   void checkQ();
 
   Tet3* getCloseTet(Point3* pQuery);

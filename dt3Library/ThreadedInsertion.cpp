@@ -32,6 +32,9 @@ constexpr int maxRounds = 10;
 // inserts few of them, while one thread takes them in a small part of the
 // level's time.
 constexpr size_t restShare = 25;
+// A round on the shifted grid rewrites the rank of every stored vertex
+// twice; it is for a level of at least a regridShare-th of the store.
+constexpr size_t regridShare = 32;
 
 // A batch location runs on no more threads than give each this many rows.
 constexpr size_t minRowsPerThread = 4096;
@@ -60,6 +63,76 @@ std::vector<double> roundBoundaries(size_t numT, std::vector<double>& vUsed) {
   }
   return vBounds;
 }
+
+// The second partition of space, for the rounds after the first: cells of
+// a grid over the box of the curve, shifted by half of one of the curve's
+// cells that hold a thread's range, in the order of a Hilbert curve through
+// them (J. Skilling's transposition, "Programming the Hilbert curve", 2004).
+// With more than two ranges, a range's region meets regions of ranges that
+// are not next to it on the curve, and moving the boundaries along the
+// curve leaves those faces where they were; the points postponed on them
+// lie inside the cells of this grid.
+class ShiftedGrid {
+public:
+  static constexpr int bits = 6; // cells a side: 2^bits over twice the box
+  static constexpr unsigned int numCells = 1u << (3 * bits);
+
+  ShiftedGrid(const Bbox3& box, size_t numT, int round)
+      : minX(box.getMinX()), minY(box.getMinY()), minZ(box.getMinZ()) {
+    const double extent =
+        std::max({box.getMaxX() - box.getMinX(), box.getMaxY() - box.getMinY(), box.getMaxZ() - box.getMinZ()});
+    // The box lies at [shift, 1 + shift) of a grid over [0, 2).
+    const double half = static_cast<double>(1u << (bits - 1));
+    scale = extent > 0 ? half / extent : 0.0;
+    size_t curveCellsASide = 1;
+    while (curveCellsASide * curveCellsASide * curveCellsASide < numT) curveCellsASide *= 2;
+    // Round k of the level moves the grid by the k-th fraction of the
+    // sequence 1/2, 1/4, 3/4, 1/8, ... (van der Corput's) of such a cell,
+    // away from the faces of the earlier rounds' grids, and off the faces of
+    // the grid's own small cells by a part of a small cell.
+    double fraction = 0.0;
+    double digit = 0.5;
+    for (unsigned int k = static_cast<unsigned int>(round); k > 0; k >>= 1, digit /= 2)
+      if (k & 1) fraction += digit;
+    const double shift = fraction / static_cast<double>(curveCellsASide) + 0.37 / half;
+    offset = shift * half;
+  }
+
+  unsigned int cellOf(const Point3* p) const {
+    unsigned int a[3] = {coordinate(p->x(), minX), coordinate(p->y(), minY), coordinate(p->z(), minZ)};
+    // Skilling: the axes to the transposed Hilbert index, then interleaved.
+    for (unsigned int q = 1u << (bits - 1); q > 1; q >>= 1) {
+      const unsigned int low = q - 1;
+      for (int i = 0; i < 3; ++i) {
+        if (a[i] & q) {
+          a[0] ^= low;
+        } else {
+          const unsigned int t = (a[0] ^ a[i]) & low;
+          a[0] ^= t;
+          a[i] ^= t;
+        }
+      }
+    }
+    a[1] ^= a[0];
+    a[2] ^= a[1];
+    unsigned int gray = 0;
+    for (unsigned int q = 1u << (bits - 1); q > 1; q >>= 1)
+      if (a[2] & q) gray ^= q - 1;
+    unsigned int key = 0;
+    for (int b = bits - 1; b >= 0; --b)
+      for (int i = 0; i < 3; ++i) key = (key << 1) | (((a[i] ^ gray) >> b) & 1u);
+    return key;
+  }
+
+private:
+  unsigned int coordinate(double v, double lo) const {
+    const double g = (v - lo) * scale + offset;
+    return g <= 0 ? 0u : std::min(static_cast<unsigned int>(g), (1u << bits) - 1);
+  }
+  double minX, minY, minZ;
+  double scale;
+  double offset;
+};
 
 } // namespace
 
@@ -360,30 +433,39 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
     // postponed at one round's boundaries lie inside a range in the next
     // (see roundBoundaries). The last range wraps round the end of the curve.
     const size_t m = vActive.size();
-    const std::vector<double> vBounds = roundBoundaries(numT, vUsedBounds);
-    const double numRanks = static_cast<double>(vCurve.size());
-    std::vector<unsigned int> vLow(numT);
-    for (size_t t = 0; t < numT; ++t) vLow[t] = static_cast<unsigned int>(vBounds[t] * numRanks);
-    const auto firstFrom = [&](unsigned int rank) {
-      return std::lower_bound(vActive.begin(), vActive.end(), rank,
-                              [](const Point3* p, unsigned int r) { return p->getCurveRank() < r; });
-    };
-    for (size_t t = 0; t < numT; ++t) {
-      InsertionThread& thread = *vThreads[t];
-      thread.setRange(vLow[t], vLow[(t + 1) % numT] - vLow[t]);
-      thread.vPostponed.clear();
-      thread.numInserted.store(0, std::memory_order_relaxed);
-      if (t + 1 < numT) {
-        thread.vMine.assign(firstFrom(vLow[t]), firstFrom(vLow[t + 1]));
-      } else {
-        thread.vMine.assign(firstFrom(vLow[t]), vActive.end());
-        thread.vMine.insert(thread.vMine.end(), vActive.begin(), firstFrom(vLow[0]));
+    // With more than two threads the rounds after the first partition space
+    // by a shifted grid instead (ShiftedGrid), unless the level is small
+    // beside the store.
+    const bool bRegrid = numT > 2 && round >= 1 && m * regridShare >= vCurve.size();
+    if (bRegrid) {
+      assignCells(vActive, vCurve, numT, round);
+    } else {
+      const std::vector<double> vBounds = roundBoundaries(numT, vUsedBounds);
+      const double numRanks = static_cast<double>(vCurve.size());
+      std::vector<unsigned int> vLow(numT);
+      for (size_t t = 0; t < numT; ++t) vLow[t] = static_cast<unsigned int>(vBounds[t] * numRanks);
+      const auto firstFrom = [&](unsigned int rank) {
+        return std::lower_bound(vActive.begin(), vActive.end(), rank,
+                                [](const Point3* p, unsigned int r) { return p->getCurveRank() < r; });
+      };
+      for (size_t t = 0; t < numT; ++t) {
+        InsertionThread& thread = *vThreads[t];
+        thread.setRange(vLow[t], vLow[(t + 1) % numT] - vLow[t]);
+        thread.vPostponed.clear();
+        thread.numInserted.store(0, std::memory_order_relaxed);
+        if (t + 1 < numT) {
+          thread.vMine.assign(firstFrom(vLow[t]), firstFrom(vLow[t + 1]));
+        } else {
+          thread.vMine.assign(firstFrom(vLow[t]), vActive.end());
+          thread.vMine.insert(thread.vMine.end(), vActive.begin(), firstFrom(vLow[0]));
+        }
       }
     }
 
     const auto work = [&](size_t t) {
       InsertionThread& thread = *vThreads[t];
-      if (thread.vMine.empty() || !thread.findStart(vCurve, thread.vMine[0]->getCurveRank())) {
+      const auto rankOf = [&](size_t i) { return bRegrid ? thread.vMineRank[i] : thread.vMine[i]->getCurveRank(); };
+      if (thread.vMine.empty() || !thread.findStart(vCurve, rankOf(0))) {
         thread.vPostponed.swap(thread.vMine);
         return;
       }
@@ -395,9 +477,9 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
           // The walk or the cavity met a foreign tetrahedron: the next
           // point starts from a tetrahedron at its curve neighbours rather
           // than from the same place.
-          if (i + 1 < thread.vMine.size() && !thread.findStart(vCurve, thread.vMine[i + 1]->getCurveRank()) &&
-              !thread.findStart(vCurve, thread.vMine[i]->getCurveRank()))
-            thread.findStart(vCurve, thread.vMine[0]->getCurveRank());
+          if (i + 1 < thread.vMine.size() && !thread.findStart(vCurve, rankOf(i + 1)) &&
+              !thread.findStart(vCurve, rankOf(i)))
+            thread.findStart(vCurve, rankOf(0));
         }
         // The caller's thread reports the progress of all.
         if (t == 0 && pProgress != nullptr && ++sinceReport * numT >= numInsertionsPerReport) {
@@ -409,6 +491,11 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
       }
     };
     runThreads(numT, bStop, work);
+    if (bRegrid) {
+      runShares(numT, vCurve.size(), minRowsPerThread, [&](size_t begin, size_t end) {
+        for (size_t i = begin; i < end; ++i) vCurve[i]->setCurveRank(static_cast<unsigned int>(i));
+      });
+    }
 
     vActive.clear();
     for (size_t t = 0; t < numT; ++t) {
@@ -440,6 +527,46 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
   }
   if (pCur == nullptr || pCur->hasBeenVisited) pCur = hc3.getCloseTet(vCurve[0]);
   return pCur;
+}
+
+// The threads' points and the owners of all vertices for a round on the
+// shifted grid: the cells go to the threads in the grid's curve order, in
+// runs of about equal numbers of points; each vertex's rank becomes the
+// thread of its cell, and each thread's range that one rank.
+void Dt3::assignCells(const std::vector<Point3*>& vActive, const std::vector<Point3*>& vCurve, size_t numT,
+                      int round) {
+  const ShiftedGrid grid(hc3.getBox(), numT, round);
+  const size_t m = vActive.size();
+  std::vector<unsigned int> vCell(m);
+  runShares(numT, m, minRowsPerThread, [&](size_t begin, size_t end) {
+    for (size_t i = begin; i < end; ++i) vCell[i] = grid.cellOf(vActive[i]);
+  });
+  // The points of each cell, then in place the cell's thread.
+  std::vector<unsigned int> vOwner(ShiftedGrid::numCells, 0);
+  for (unsigned int c : vCell) ++vOwner[c];
+  size_t numBefore = 0;
+  unsigned int t = 0;
+  for (unsigned int& owner : vOwner) {
+    numBefore += owner;
+    owner = t;
+    if (t + 1 < numT && numBefore * numT >= (t + 1) * m) ++t;
+  }
+  for (size_t u = 0; u < numT; ++u) {
+    InsertionThread& thread = *vThreads[u];
+    thread.setRange(static_cast<unsigned int>(u), 1);
+    thread.vPostponed.clear();
+    thread.numInserted.store(0, std::memory_order_relaxed);
+    thread.vMine.clear();
+    thread.vMineRank.clear();
+  }
+  for (size_t i = 0; i < m; ++i) {
+    InsertionThread& thread = *vThreads[vOwner[vCell[i]]];
+    thread.vMine.push_back(vActive[i]);
+    thread.vMineRank.push_back(vActive[i]->getCurveRank());
+  }
+  runShares(numT, vCurve.size(), minRowsPerThread, [&](size_t begin, size_t end) {
+    for (size_t i = begin; i < end; ++i) vCurve[i]->setCurveRank(vOwner[grid.cellOf(vCurve[i])]);
+  });
 }
 
 // ---------------------------------------------------------------------------

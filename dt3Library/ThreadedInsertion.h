@@ -8,7 +8,9 @@
 // nothing changed, to the next round, whose range boundaries lie elsewhere on
 // the curve; a round that inserts less than half of its points halves the
 // thread count for the next, and the few points left at the end go in on
-// one thread. A point on or beyond the hull is inserted by the
+// one thread. With more than two threads the rounds after the first
+// partition space anew, by the cells of a shifted grid: a vertex's rank then
+// holds the thread that owns it, for that round only. A point on or beyond the hull is inserted by the
 // thread too, when the hull tetrahedra it sees and its cavity are its own.
 //
 // Why no lock is needed: another thread u changes a tetrahedron X only by
@@ -63,8 +65,11 @@ public:
   // A live tetrahedron of this thread after its last insertion, or null.
   Tet3* getCurrent() const { return pCur; }
 
-  // The round's input and output.
+  // The round's input and output; in a round on the second partition (see
+  // ThreadedInsertion.cpp) the curve ranks of vMine, which the vertices do
+  // not hold then.
   std::vector<Point3*> vMine;
+  std::vector<unsigned int> vMineRank;
   std::vector<Point3*> vPostponed;
   // Insertions done in this level; the caller's thread reads it for the
   // progress report while the thread runs.
