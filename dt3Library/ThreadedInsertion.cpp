@@ -437,6 +437,10 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
     // by a shifted grid instead (ShiftedGrid), unless the level is small
     // beside the store.
     const bool bRegrid = numT > 2 && round >= 1 && m * regridShare >= vCurve.size();
+    for (size_t t = 0; t < numT; ++t) {
+      vThreads[t]->vPostponed.clear();
+      vThreads[t]->numInserted.store(0, std::memory_order_relaxed);
+    }
     if (bRegrid) {
       assignCells(vActive, vCurve, numT, round);
     } else {
@@ -451,8 +455,6 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
       for (size_t t = 0; t < numT; ++t) {
         InsertionThread& thread = *vThreads[t];
         thread.setRange(vLow[t], vLow[(t + 1) % numT] - vLow[t]);
-        thread.vPostponed.clear();
-        thread.numInserted.store(0, std::memory_order_relaxed);
         if (t + 1 < numT) {
           thread.vMine.assign(firstFrom(vLow[t]), firstFrom(vLow[t + 1]));
         } else {
@@ -554,8 +556,6 @@ void Dt3::assignCells(const std::vector<Point3*>& vActive, const std::vector<Poi
   for (size_t u = 0; u < numT; ++u) {
     InsertionThread& thread = *vThreads[u];
     thread.setRange(static_cast<unsigned int>(u), 1);
-    thread.vPostponed.clear();
-    thread.numInserted.store(0, std::memory_order_relaxed);
     thread.vMine.clear();
     thread.vMineRank.clear();
   }

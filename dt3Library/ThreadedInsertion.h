@@ -10,8 +10,9 @@
 // thread count for the next, and the few points left at the end go in on
 // one thread. With more than two threads the rounds after the first
 // partition space anew, by the cells of a shifted grid: a vertex's rank then
-// holds the thread that owns it, for that round only. A point on or beyond the hull is inserted by the
-// thread too, when the hull tetrahedra it sees and its cavity are its own.
+// holds the thread that owns it, for that round only. A point on or beyond
+// the hull is inserted by the thread too, when the hull tetrahedra it sees
+// and its cavity are its own.
 //
 // Why no lock is needed: another thread u changes a tetrahedron X only by
 // retiring it (all four corners u's) or by linking a neighbour across facet j
