@@ -641,8 +641,13 @@ void Dt3::ch_getVisibleTets(Point3*& pVtx, Tet3* pStartTet, int opp3ICI, std::ve
     }
     vVisibleTets.push_back(pCurTet);
   }
-  // A tetrahedron with several visible hull facets is listed once.
-  oneInstance(vVisibleTets);
+  // A tetrahedron with several visible hull facets is listed once. They go
+  // in the order of their labels, the order of their making: the new
+  // tetrahedra then take their records in an order that the calls and their
+  // points decide, not the addresses the pools' blocks happened to get.
+  std::sort(vVisibleTets.begin(), vVisibleTets.end(),
+            [](const Tet3* a, const Tet3* b) { return a->getLabel() < b->getLabel(); });
+  vVisibleTets.erase(std::unique(vVisibleTets.begin(), vVisibleTets.end()), vVisibleTets.end());
 }
 
 void Dt3::extractVisibleStayAndToBeDoomed(std::vector<Tet3*>& vVisibleTets, std::vector<Tet3*>& vStayTets,

@@ -70,8 +70,10 @@ public:
   void getTetrahedra(std::vector<Tet3*>& vTet) const;
   // The same tetrahedra in the order of their records in memory, by a scan
   // on setNumThreads threads instead of a walk: for a large mesh several
-  // times faster. The order depends on the records the insertions happened
-  // to reuse, so it can differ between two meshes of the same points.
+  // times faster. Insertions on one thread take their records in an order
+  // that their points decide: two meshes made by the same calls on the same
+  // points list their tetrahedra alike. On several threads the order
+  // depends on the timing of the threads.
   void getTetrahedraInRecordOrder(std::vector<Tet3*>& vTet) const;
   void getTetsAroundVertex(Point3* pVtx, std::vector<Tet3*>& vTet);
   bool is3D() const;

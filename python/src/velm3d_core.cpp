@@ -7,8 +7,8 @@
 //  - the customIndex of every stored vertex is the index of the first point
 //    with its coordinates (its representative); duplicates point to it;
 //  - after an insertion, the customIndex of every live tetrahedron is its row
-//    in the simplices array handed out last, numbered 0..m-1 by a breadth-first
-//    walk from the incident tetrahedron of the first point.
+//    in the simplices array handed out last, numbered 0..m-1 in the order of
+//    the library's records.
 // Output arrays are filled once, in C++, and handed to NumPy with a capsule
 // that owns the buffer; they outlive the Triangulation.
 //
@@ -60,11 +60,6 @@ namespace {
 // Row and simplex counts up to this limit get int32 indices, larger ones
 // int64. Tests lower it to reach the int64 path with small inputs.
 int64_t int32Limit = std::numeric_limits<int32_t>::max();
-
-// With several workers, a call of at least this many rows numbers the
-// tetrahedra in the order of their records (see Triangulation::insert).
-// Tests lower it to reach that numbering with small inputs.
-int64_t minRowsForRecordOrder = 50000;
 
 // The thread that imported the module, taken for the one that will shut the
 // interpreter down.
@@ -380,15 +375,6 @@ public:
       pVelm->setNumThreads(numWorkers);
       insertRows(pXyz, n, context);
       if (context.pending.isSet() || context.bAbandoned) return;
-      // Below minRowsForRecordOrder rows the walk numbers the mesh whatever
-      // numWorkers says: it costs little there, and a batch small enough to
-      // go in on one thread (a few thousand points) gets the arrays that one
-      // worker gets.
-      if (numWorkers == 1 || n < minRowsForRecordOrder) {
-        bInt64 = static_cast<int64_t>(vHandles.size()) > int32Limit || !numberAndFill(arrays32);
-        if (bInt64) numberAndFill(arrays64);
-        return;
-      }
       std::vector<Tet3*> vTets;
       numberInRecordOrder(vTets, numWorkers);
       bInt64 = static_cast<int64_t>(std::max(vHandles.size(), vTets.size())) > int32Limit;
@@ -520,99 +506,20 @@ private:
     }
   }
 
-  // Tetrahedron numbers alternate their form from one numbering to the next
-  // (i, then -(i+2)), so that the numbers of the previous numbering, like
-  // the -1 of tetrahedra made since, read as "not numbered yet" without a
-  // pass that clears them.
-  bool isNumbered(int ci) const { return (generation & 1) != 0 ? ci <= -2 : ci >= 0; }
-  int encodeTet(size_t i) const {
-    return (generation & 1) != 0 ? -static_cast<int>(i) - 2 : static_cast<int>(i);
-  }
-  int64_t tetIndex(const Tet3* pTet) const {
-    const int ci = pTet->getCustomIndex();
-    return (generation & 1) != 0 ? -static_cast<int64_t>(ci) - 2 : ci;
-  }
-
-  // With the mutex held: numbers all live tetrahedra, breadth first from the
-  // first point's incident tetrahedron, and fills the index arrays in the
-  // same pass. A tetrahedron gets its number when it is first seen, so its
-  // row can be written, with all its neighbours' numbers, when it is taken
-  // from the queue. The records lie all over memory in no order the walk
-  // can follow, so the time goes into cache misses; the queue shows what
-  // comes next, and two prefetch stages ahead of the walk (the records,
-  // then their neighbours and corners) overlap the misses. False if the
-  // count exceeds what I is to hold; the caller then numbers again with
-  // 64-bit indices.
-  template <class I> bool numberAndFill(IndexArrays<I>& out) {
-    ++generation;
-    const size_t numPts = vHandles.size();
-    const int64_t maxTets = std::min<int64_t>(sizeof(I) == 4 ? int32Limit : std::numeric_limits<int64_t>::max(),
-                                              std::numeric_limits<int>::max() - 2);
-    size_t capacity = 7 * numPts + 16; // 6.7 per point for uniform points
-    std::vector<Tet3*> vQueue;
-    if (pVelm->is3D()) {
-      vQueue.reserve(capacity);
-      out.simplices.resize(4 * capacity);
-      out.neighbors.resize(4 * capacity);
-      Tet3* pSeed = vHandles[0]->getOneTet();
-      pSeed->setCustomIndex(encodeTet(0));
-      vQueue.push_back(pSeed);
-    }
-    const size_t ahead = 16;
-    for (size_t k = 0; k < vQueue.size(); ++k) {
-      if (k + 2 * ahead < vQueue.size()) __builtin_prefetch(vQueue[k + 2 * ahead]);
-      if (k + ahead < vQueue.size()) {
-        const Tet3* pNext = vQueue[k + ahead];
-        for (int i = 0; i < 4; ++i) {
-          __builtin_prefetch(pNext->getOppTet(i));
-          __builtin_prefetch(pNext->getCorner(i));
-        }
-      }
-      if (k == capacity) {
-        capacity += capacity / 2;
-        out.simplices.resize(4 * capacity);
-        out.neighbors.resize(4 * capacity);
-      }
-      const Tet3* pTet = vQueue[k];
-      I* pS = out.simplices.data() + 4 * k;
-      I* pN = out.neighbors.data() + 4 * k;
-      for (int i = 0; i < 4; ++i) {
-        pS[i] = static_cast<I>(pTet->getCorner(i)->getCustomIndex());
-        Tet3* pOpp = pTet->getOppTet(i);
-        if (pOpp == nullptr) {
-          pN[i] = -1;
-          continue;
-        }
-        if (!isNumbered(pOpp->getCustomIndex())) {
-          if (static_cast<int64_t>(vQueue.size()) >= maxTets) {
-            if (sizeof(I) == 4) return false;
-            throw std::bad_alloc();
-          }
-          pOpp->setCustomIndex(encodeTet(vQueue.size()));
-          vQueue.push_back(pOpp);
-        }
-        pN[i] = static_cast<I>(tetIndex(pOpp));
-      }
-    }
-    const size_t numTets = vQueue.size();
-    out.simplices.resize(4 * numTets);
-    out.neighbors.resize(4 * numTets);
-    fillPointArrays(out);
-    return true;
-  }
+  static int64_t tetIndex(const Tet3* pTet) { return pTet->getCustomIndex(); }
 
   // With the mutex held: all live tetrahedra into vTets in the order of
-  // their records (a scan of the pools, not a walk), each numbered with its
-  // place there, on numWorkers threads (with fillInRecordOrder, 0.2 s at 1M
-  // points on two, where the walk of numberAndFill takes 0.46 s). The order
-  // follows the records the insertions happened to take, which differs from
-  // one mesh to the next when several threads built it.
+  // their records (a scan of the pools), each numbered with its place there,
+  // on numWorkers threads. A breadth-first walk over the mesh took 0.46 s at
+  // 1M points, the scan and fillInRecordOrder 0.2 s on two threads. The
+  // library takes records in an order that the points decide when it
+  // inserts on one thread; when several threads built the mesh, the order
+  // depends on their timing.
   void numberInRecordOrder(std::vector<Tet3*>& vTets, int numWorkers) {
-    ++generation;
     if (pVelm->is3D()) pVelm->getTetrahedraInRecordOrder(vTets);
-    if (vTets.size() > static_cast<size_t>(std::numeric_limits<int>::max() - 2)) throw std::bad_alloc();
+    if (vTets.size() > static_cast<size_t>(std::numeric_limits<int>::max())) throw std::bad_alloc();
     forChunks(numWorkers, vTets.size(), tetChunk, [&](size_t, size_t begin, size_t end) {
-      for (size_t k = begin; k < end; ++k) vTets[k]->setCustomIndex(encodeTet(k));
+      for (size_t k = begin; k < end; ++k) vTets[k]->setCustomIndex(static_cast<int>(k));
     });
   }
 
@@ -671,7 +578,6 @@ private:
   std::vector<Point3*> vHandles; // the stored vertex of each point
   std::vector<int> vRepresentative; // and that vertex's customIndex
   bool bVerbose;
-  unsigned generation = 0; // of the tetrahedron numbering
   std::mutex mutex;        // one call at a time on this object
 };
 
@@ -1410,6 +1316,5 @@ PYBIND11_MODULE(_core, m) {
   m.def("_orientation_sign", &orientationSign);
   m.def("_two_product_tail", &twoProductTail);
   m.def("_set_int32_limit", [](int64_t limit) { int32Limit = limit; });
-  m.def("_set_min_rows_for_record_order", [](int64_t n) { minRowsForRecordOrder = n; });
   mainThreadIdent = py::module_::import("threading").attr("main_thread")().attr("ident").cast<unsigned long>();
 }

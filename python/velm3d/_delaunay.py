@@ -120,11 +120,12 @@ class Delaunay:
     workers : int
         Threads, as scipy counts them (a count, or -1 for all cores), for the
         insertion, the arrays derived from the mesh (``transform``,
-        ``vertex_neighbor_vertices``) and ``find_simplex``. With more than one
-        and at least 50,000 points in a call, the tetrahedra are also numbered
-        on the threads, in the order of the library's records: the rows of
-        ``simplices`` may then come in another order from one run to the next
-        (the set of tetrahedra does not, for points in general position).
+        ``vertex_neighbor_vertices``) and ``find_simplex``. The rows of
+        ``simplices`` come in the order of the library's records: with one
+        worker the same for the same points, with more (once the insertion
+        runs on threads, from a few thousand points) possibly another from
+        one run to the next (the set of tetrahedra does not, for points in
+        general position).
 
     Attributes, as in ``scipy.spatial.Delaunay``: ``points``, ``simplices``
     (every tetrahedron positively oriented: corner 3 lies on the side to which

@@ -68,29 +68,23 @@ def test_find_simplex_matches_brute_force_inside_outside_and_on_the_mesh():
     assert tri.find_simplex(queries.reshape(-1, 1, 3)).shape == (len(queries), 1)
 
 
-# Also for the numbering of two workers in the order of the records, which a
-# later numbering along the walk must read as stale.
 def test_index_arrays_are_int32_until_the_limit_then_int64(rng):
     points = rng.uniform(-1, 1, (200, 3))
     assert velm3d.Delaunay(points).simplices.dtype == np.int32
     try:
         _core._set_int32_limit(100)
-        _core._set_min_rows_for_record_order(0)  # two workers number in the order of the records
-        wide, numbered_by_scan = velm3d.Delaunay(points), velm3d.Delaunay(points, workers=2)
+        wide = velm3d.Delaunay(points)
     finally:
         _core._set_int32_limit(2 ** 31 - 1)
-        _core._set_min_rows_for_record_order(50000)
     for a in (wide.simplices, wide.neighbors, wide.vertex_of_point, wide.coplanar, wide.convex_hull,
               wide.vertex_to_simplex, *wide.vertex_neighbor_vertices, wide.find_simplex(points[:3])):
         assert a.dtype == np.int64
     assert_delaunay(wide, points)
-    assert_delaunay(numbered_by_scan, points)
-    assert numbered_by_scan.simplices.dtype == np.int64
-    found = numbered_by_scan.find_simplex(points)  # each point is a corner of the row found for it
-    assert (numbered_by_scan.simplices[found] == np.arange(len(points))[:, None]).any(axis=1).all()
-    more = rng.uniform(-1.5, 1.5, (50, 3))  # numbered along the walk after the scan's numbering
-    numbered_by_scan.add_points(more)
-    assert_delaunay(numbered_by_scan, np.concatenate((points, more)))
+    found = wide.find_simplex(points)  # each point is a corner of the row found for it
+    assert (wide.simplices[found] == np.arange(len(points))[:, None]).any(axis=1).all()
+    more = rng.uniform(-1.5, 1.5, (50, 3))
+    wide.add_points(more)
+    assert_delaunay(wide, np.concatenate((points, more)))
 
 
 def test_output_arrays_own_their_memory_beyond_the_object(rng):
