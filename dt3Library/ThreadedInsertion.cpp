@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cmath>
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include "BrixTest3Inline.h"
@@ -35,6 +36,11 @@ constexpr size_t restShare = 25;
 // A round on the shifted grid rewrites the rank of every stored vertex
 // twice; it is for a level of at least a regridShare-th of the store.
 constexpr size_t regridShare = 32;
+
+// An idle thread takes a share of another's points only if that one has at
+// least twice this many left: a share starts with a walk to it and adds a
+// boundary where points are postponed.
+constexpr size_t minShare = 256;
 
 // A batch location runs on no more threads than give each this many rows.
 constexpr size_t minRowsPerThread = 4096;
@@ -137,8 +143,8 @@ private:
 } // namespace
 
 InsertionThread::InsertionThread(const ExactTest& predicates_)
-    : numInserted(0), rangeLow(0), rangeWidth(0), predicates(predicates_), pCur(nullptr), nextLabel(0),
-      labelEnd(0) {
+    : numInserted(0), numLeft(0), ask(noAsk), bAnswered(false), rangeLow(0), rangeWidth(0), predicates(predicates_),
+      pCur(nullptr), nextLabel(0), labelEnd(0) {
   poolTet.init(4096, -1);
   vDoomed.reserve(512);
   vDoomedPrev.reserve(512);
@@ -464,15 +470,44 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
       }
     }
 
-    const auto work = [&](size_t t) {
+    // In a round on curve ranges an idle thread asks the thread with the most
+    // points left for a share (shareOut); each thread looks for an ask
+    // before each insertion, and closes itself to asks when its points are
+    // done.
+    const bool bShare = !bRegrid;
+    for (size_t t = 0; t < numT; ++t) {
+      vThreads[t]->ask.store(InsertionThread::noAsk, std::memory_order_relaxed);
+      vThreads[t]->numLeft.store(vThreads[t]->vMine.size(), std::memory_order_relaxed);
+    }
+    const auto answer = [&](InsertionThread& thread, size_t k) {
+      const int asker = thread.ask.load(std::memory_order_acquire);
+      InsertionThread& taker = *vThreads[static_cast<size_t>(asker)];
+      if (thread.vMine.size() >= k + 2 * minShare) thread.shareOut(k + (thread.vMine.size() - k) / 2, taker);
+      else taker.vMine.clear();
+      thread.ask.store(InsertionThread::noAsk, std::memory_order_relaxed);
+      taker.bAnswered.store(true, std::memory_order_release);
+    };
+    const auto insertMine = [&](size_t t) {
       InsertionThread& thread = *vThreads[t];
       const auto rankOf = [&](size_t i) { return bRegrid ? thread.vMineRank[i] : thread.vMine[i]->getCurveRank(); };
       if (thread.vMine.empty() || !thread.findStart(vCurve, rankOf(0))) {
-        thread.vPostponed.swap(thread.vMine);
+        thread.vPostponed.insert(thread.vPostponed.end(), thread.vMine.begin(), thread.vMine.end());
         return;
       }
       unsigned long sinceReport = 0;
       for (size_t i = 0; i < thread.vMine.size() && !bStop.load(std::memory_order_relaxed); ++i) {
+        if (bShare) {
+          thread.numLeft.store(thread.vMine.size() - i, std::memory_order_relaxed);
+          if (thread.ask.load(std::memory_order_acquire) >= 0) {
+            answer(thread, i);
+            // The place to go on from may have gone with the share.
+            if (thread.getCurrent() == nullptr && !thread.findStart(vCurve, rankOf(i))) {
+              thread.vPostponed.insert(thread.vPostponed.end(), thread.vMine.begin() + static_cast<long>(i),
+                                       thread.vMine.end());
+              break;
+            }
+          }
+        }
         const InsertionThread::Outcome outcome = thread.insert(thread.vMine[i], bFloorFree);
         if (outcome != InsertionThread::INSERTED) {
           thread.vPostponed.push_back(thread.vMine[i]);
@@ -490,6 +525,52 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
           for (size_t u = 0; u < numT; ++u) numNow += vThreads[u]->numInserted.load(std::memory_order_relaxed);
           if (!pProgress(pProgressUser, numNow, numTotal)) bStop.store(true);
         }
+      }
+    };
+    // Asks the thread with the most points left for a share; false when
+    // none has enough left, or the round stops.
+    const auto takeShare = [&](size_t t) {
+      InsertionThread& thread = *vThreads[t];
+      for (;;) {
+        size_t victim = t, most = 2 * minShare - 1;
+        for (size_t u = 0; u < numT; ++u) {
+          const size_t left = vThreads[u]->numLeft.load(std::memory_order_relaxed);
+          if (u != t && left > most) {
+            victim = u;
+            most = left;
+          }
+        }
+        if (victim == t || bStop.load(std::memory_order_relaxed)) return false;
+        thread.bAnswered.store(false, std::memory_order_relaxed);
+        int expected = InsertionThread::noAsk;
+        // Release: what this thread did with its vMine comes before the
+        // answer's writes to it.
+        if (!vThreads[victim]->ask.compare_exchange_strong(expected, static_cast<int>(t), std::memory_order_release,
+                                                           std::memory_order_relaxed)) {
+          std::this_thread::yield();
+          continue;
+        }
+        while (!thread.bAnswered.load(std::memory_order_acquire)) {
+          if (bStop.load(std::memory_order_relaxed)) return false;
+          std::this_thread::yield();
+        }
+        if (!thread.vMine.empty()) return true;
+      }
+    };
+    const auto work = [&](size_t t) {
+      InsertionThread& thread = *vThreads[t];
+      insertMine(t);
+      while (bShare) {
+        thread.numLeft.store(0, std::memory_order_relaxed);
+        // An ask that came after the last look is answered with nothing.
+        const int asker = thread.ask.exchange(InsertionThread::closed, std::memory_order_acquire);
+        if (asker >= 0) {
+          vThreads[static_cast<size_t>(asker)]->vMine.clear();
+          vThreads[static_cast<size_t>(asker)]->bAnswered.store(true, std::memory_order_release);
+        }
+        if (!takeShare(t)) return;
+        thread.ask.store(InsertionThread::noAsk, std::memory_order_relaxed);
+        insertMine(t);
       }
     };
     runThreads(numT, bStop, work);

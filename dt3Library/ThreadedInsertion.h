@@ -8,7 +8,10 @@
 // nothing changed, to the next round, whose range boundaries lie elsewhere on
 // the curve; a round that inserts less than half of its points halves the
 // thread count for the next, and the few points left at the end go in on
-// one thread. With more than two threads the rounds after the first
+// one thread. In a round on curve ranges a thread whose points are done takes
+// the second half of the points another thread has not reached yet, with
+// the part of that thread's range they lie in (see shareOut). With more than
+// two threads the rounds after the first
 // partition space anew, by the cells of a shifted grid: a vertex's rank then
 // holds the thread that owns it, for that round only. A point on or beyond
 // the hull is inserted by the thread too, when the hull tetrahedra it sees
@@ -22,9 +25,15 @@
 // owned tetrahedron and the tetrahedra round one of its edges, has at least
 // two of t's corners. The start of a round reads the incident tetrahedron of
 // an owned vertex and its neighbours across the facets at that vertex; these
-// keep the vertex as a corner, so no other thread changes them. The hot path
-// has no lock and no atomic operation; each thread has its own records,
-// retired records, facet registry, cavity and labels.
+// keep the vertex as a corner, so no other thread changes them. When a
+// thread hands part of its range to an idle one, it first narrows its own
+// range to the rest and then publishes the handover with a release store that
+// the idle thread acquires before it reads anything there; the idle thread's
+// old range is nobody's from then on. So the ranges stay disjoint, and what
+// one thread wrote there is visible to the next. The hot path has no lock;
+// its atomic operations are relaxed loads and stores of the sharing state,
+// plain moves on common hardware. Each thread has its own records, retired
+// records, facet registry, cavity and labels.
 #pragma once
 
 #include <atomic>
@@ -50,6 +59,17 @@ public:
     rangeWidth = width;
   }
   bool owns(const Point3* p) const { return p->getCurveRank() - rangeLow < rangeWidth; }
+  // Gives the idle thread `taker` the points vMine[k..] and the part of this
+  // thread's range from the rank of vMine[k] on (vMine lies in the order of
+  // the range), and keeps the rest.
+  void shareOut(size_t k, InsertionThread& taker) {
+    const unsigned int split = vMine[k]->getCurveRank();
+    taker.vMine.assign(vMine.begin() + static_cast<long>(k), vMine.end());
+    vMine.resize(k);
+    taker.setRange(split, rangeLow + rangeWidth - split);
+    rangeWidth = split - rangeLow;
+    if (pCur != nullptr && !owns(pCur)) pCur = nullptr;
+  }
   bool owns(const Tet3* pTet) const {
     return owns(pTet->getCorner(0)) && owns(pTet->getCorner(1)) && owns(pTet->getCorner(2)) &&
            owns(pTet->getCorner(3));
@@ -75,6 +95,15 @@ public:
   // Insertions done in this level; the caller's thread reads it for the
   // progress report while the thread runs.
   std::atomic<unsigned long> numInserted;
+  // The sharing of a round's points: the points of vMine not reached yet,
+  // for the idle threads' choice; the index of the idle thread that asks for
+  // a share, or noAsk, or closed once this thread takes no more asks; and,
+  // on the asking thread, whether the answer (its vMine, empty for none, and
+  // its range) is in place.
+  static constexpr int noAsk = -1, closed = -2;
+  std::atomic<size_t> numLeft;
+  std::atomic<int> ask;
+  std::atomic<bool> bAnswered;
 
 private:
   // The walk's answer besides locateInConflict, locateOnVertex and a hull
