@@ -36,30 +36,47 @@ constexpr size_t minShare = 32768;
 // least-significant-digit radix sort, three passes of 11 bits over the 32-bit
 // key, each counting and then scattering into the other buffer. Passes whose
 // digit is the same in every key are skipped. Below a few thousand pairs
-// the comparison sort is quicker than clearing the counters.
-void sortByKey(std::vector<KeyAndIndex>& v) {
+// the comparison sort is quicker than clearing the counters. On several
+// threads each counts and scatters its own share of the pairs; the shares'
+// places in a bucket follow one another in share order, which keeps the
+// sort stable.
+void sortByKey(std::vector<KeyAndIndex>& v, size_t numThreads) {
   const size_t n = v.size();
   if (n < 4096) {
     std::sort(v.begin(), v.end());
     return;
   }
   constexpr int digitBits = 11;
-  constexpr unsigned int digitMask = (1u << digitBits) - 1;
+  constexpr size_t numBuckets = size_t(1) << digitBits;
+  constexpr unsigned int digitMask = numBuckets - 1;
+  const size_t numT = threadsFor(numThreads, n, minShare);
   std::vector<KeyAndIndex> other(n);
-  std::vector<size_t> count(std::size_t(1) << digitBits);
+  std::vector<size_t> count(numT * numBuckets); // share t's counters from t * numBuckets
   KeyAndIndex* pFrom = v.data();
   KeyAndIndex* pTo = other.data();
+  std::atomic<bool> bStop(false);
   for (int shift = 0; shift < 32; shift += digitBits) {
-    std::fill(count.begin(), count.end(), 0);
-    for (size_t i = 0; i < n; ++i) ++count[(pFrom[i].first >> shift) & digitMask];
-    if (count[(pFrom[0].first >> shift) & digitMask] == n) continue;
+    const auto digit = [&](const KeyAndIndex& e) { return (e.first >> shift) & digitMask; };
+    runThreads(numT, bStop, [&](size_t t) {
+      size_t* pCount = count.data() + t * numBuckets;
+      std::fill(pCount, pCount + numBuckets, 0);
+      for (size_t i = n * t / numT; i < n * (t + 1) / numT; ++i) ++pCount[digit(pFrom[i])];
+    });
+    size_t numFirst = 0;
+    for (size_t t = 0; t < numT; ++t) numFirst += count[t * numBuckets + digit(pFrom[0])];
+    if (numFirst == n) continue;
     size_t sum = 0;
-    for (size_t& c : count) {
-      const size_t here = c;
-      c = sum;
-      sum += here;
+    for (size_t b = 0; b < numBuckets; ++b) {
+      for (size_t t = 0; t < numT; ++t) {
+        const size_t here = count[t * numBuckets + b];
+        count[t * numBuckets + b] = sum;
+        sum += here;
+      }
     }
-    for (size_t i = 0; i < n; ++i) pTo[count[(pFrom[i].first >> shift) & digitMask]++] = pFrom[i];
+    runThreads(numT, bStop, [&](size_t t) {
+      size_t* pCount = count.data() + t * numBuckets;
+      for (size_t i = n * t / numT; i < n * (t + 1) / numT; ++i) pTo[pCount[digit(pFrom[i])]++] = pFrom[i];
+    });
     std::swap(pFrom, pTo);
   }
   if (pFrom != v.data()) std::copy(pFrom, pFrom + n, v.data());
@@ -141,7 +158,7 @@ std::vector<KeyAndIndex> keysInCurveOrder(const HC3& store, const Points& vPoint
   runShares(numThreads, n, minShare, [&](size_t begin, size_t end) {
     for (size_t i = begin; i < end; ++i) vKeys[i] = std::make_pair(store.keyOf(vPoints[i]), static_cast<unsigned long>(i));
   });
-  sortByKey(vKeys);
+  sortByKey(vKeys, numThreads);
   return vKeys;
 }
 
@@ -172,7 +189,11 @@ public:
     const size_t n = vKeys.size();
     const bool bDeferred = numThreads > 1 && n >= 2 * minShare;
     vAdd.reserve(n);
-    if (bDeferred) vAlone.assign(n, nullptr);
+    if (bDeferred) {
+      vAlone.assign(n, nullptr);
+      // The pages of the records fault in where the shares fill them.
+      pointPool.setPrefault(false);
+    }
     auto existing = vSorted.begin();
     for (size_t first = 0; first < n;) {
       // The points are read in key order, all over the input: ask ahead.
@@ -191,6 +212,7 @@ public:
       first = last;
     }
     if (bDeferred) {
+      pointPool.setPrefault(true);
       runShares(numThreads, n, minShare, [&](size_t begin, size_t end) {
         for (size_t k = begin; k < end; ++k) {
           if (k + 16 < end) __builtin_prefetch(addressOf(vPoints, vKeys[k + 16].second));
