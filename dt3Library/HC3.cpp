@@ -56,11 +56,11 @@ void sortByKey(std::vector<KeyAndIndex>& v, size_t numThreads) {
   KeyAndIndex* pTo = other.data();
   std::atomic<bool> bStop(false);
   for (int shift = 0; shift < 32; shift += digitBits) {
-    const auto digit = [&](const KeyAndIndex& e) { return (e.first >> shift) & digitMask; };
-    runThreads(numT, bStop, [&](size_t t) {
+    const auto digit = [shift](const KeyAndIndex& e) { return (e.first >> shift) & digitMask; };
+    runThreads(numT, bStop, [&, digit, pFrom](size_t t) {
       size_t* pCount = count.data() + t * numBuckets;
       std::fill(pCount, pCount + numBuckets, 0);
-      for (size_t i = n * t / numT; i < n * (t + 1) / numT; ++i) ++pCount[digit(pFrom[i])];
+      for (size_t i = n * t / numT, end = n * (t + 1) / numT; i < end; ++i) ++pCount[digit(pFrom[i])];
     });
     size_t numFirst = 0;
     for (size_t t = 0; t < numT; ++t) numFirst += count[t * numBuckets + digit(pFrom[0])];
@@ -73,9 +73,9 @@ void sortByKey(std::vector<KeyAndIndex>& v, size_t numThreads) {
         sum += here;
       }
     }
-    runThreads(numT, bStop, [&](size_t t) {
+    runThreads(numT, bStop, [&, digit, pFrom, pTo](size_t t) {
       size_t* pCount = count.data() + t * numBuckets;
-      for (size_t i = n * t / numT; i < n * (t + 1) / numT; ++i) pTo[pCount[digit(pFrom[i])]++] = pFrom[i];
+      for (size_t i = n * t / numT, end = n * (t + 1) / numT; i < end; ++i) pTo[pCount[digit(pFrom[i])]++] = pFrom[i];
     });
     std::swap(pFrom, pTo);
   }
@@ -189,11 +189,7 @@ public:
     const size_t n = vKeys.size();
     const bool bDeferred = numThreads > 1 && n >= 2 * minShare;
     vAdd.reserve(n);
-    if (bDeferred) {
-      vAlone.assign(n, nullptr);
-      // The pages of the records fault in where the shares fill them.
-      pointPool.setPrefault(false);
-    }
+    if (bDeferred) vAlone.assign(n, nullptr);
     auto existing = vSorted.begin();
     for (size_t first = 0; first < n;) {
       // The points are read in key order, all over the input: ask ahead.
@@ -212,7 +208,6 @@ public:
       first = last;
     }
     if (bDeferred) {
-      pointPool.setPrefault(true);
       runShares(numThreads, n, minShare, [&](size_t begin, size_t end) {
         for (size_t k = begin; k < end; ++k) {
           if (k + 16 < end) __builtin_prefetch(addressOf(vPoints, vKeys[k + 16].second));

@@ -33,7 +33,7 @@ template <class T> class SimplePool {
 public:
   SimplePool()
       : pCurBlock(nullptr), lastIndex(-1), curBlockSize(-1), readyEnd(-1), initialSize(-1),
-        growthSize(-1), bInitialized(false), bSingleBlock(true), bPrefault(true), maxBlockSize(-1) {}
+        growthSize(-1), bInitialized(false), bSingleBlock(true), maxBlockSize(-1) {}
   SimplePool(const SimplePool&) = delete;
   SimplePool& operator=(const SimplePool&) = delete;
 
@@ -91,11 +91,6 @@ public:
     return pCurBlock;
   }
 
-  // While off, records are handed out without faulting their pages in
-  // ahead; the first write to a page faults it in, on whatever thread makes
-  // it. For records that one thread takes and several threads fill.
-  void setPrefault(bool b) { bPrefault = b; }
-
   // Gives back all records and keeps the first block.
   void reset() {
     lastIndex = -1;
@@ -135,7 +130,7 @@ private:
   void prepareNextChunk() {
     const int chunk = static_cast<int>((size_t(1) << 21) / sizeof(T));
     const int end = (curBlockSize - readyEnd > chunk) ? readyEnd + chunk : curBlockSize;
-    if (bPrefault && curBlockSize > 4 * chunk)
+    if (curBlockSize > 4 * chunk)
       prefaultPages(pCurBlock + readyEnd, static_cast<size_t>(end - readyEnd) * sizeof(T));
     readyEnd = end;
   }
@@ -150,7 +145,6 @@ private:
   int growthSize;
   bool bInitialized;
   bool bSingleBlock;
-  bool bPrefault;
   int maxBlockSize;
 };
 
