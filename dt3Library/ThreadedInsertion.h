@@ -31,9 +31,9 @@
 // the idle thread acquires before it reads anything there; the idle thread's
 // old range is nobody's from then on. So the ranges stay disjoint, and what
 // one thread wrote there is visible to the next. The hot path has no lock;
-// its atomic operations are relaxed loads and stores of the sharing state,
-// plain moves on common hardware. Each thread has its own records, retired
-// records, facet registry, cavity and labels.
+// its atomic operations, a relaxed store and an acquire load of the sharing
+// state per point, are plain moves on common hardware. Each thread has its
+// own records, retired records, facet registry, cavity and labels.
 #pragma once
 
 #include <atomic>

@@ -245,7 +245,8 @@ std::vector<std::tuple<double, double, double>> cornersInRecordOrder(const Velm_
   vt.getTetrahedraInRecordOrder(vTets);
   std::vector<std::tuple<double, double, double>> v;
   for (const Tet3* pTet : vTets)
-    for (int i = 0; i < 4; ++i) v.emplace_back(pTet->getCorner(i)->x(), pTet->getCorner(i)->y(), pTet->getCorner(i)->z());
+    for (int i = 0; i < 4; ++i)
+      v.emplace_back(pTet->getCorner(i)->x(), pTet->getCorner(i)->y(), pTet->getCorner(i)->z());
   return v;
 }
 
