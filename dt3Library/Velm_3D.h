@@ -72,8 +72,9 @@ public:
   // on setNumThreads threads instead of a walk: for a large mesh several
   // times faster. Insertions on one thread take their records in an order
   // that their points decide: two meshes made by the same calls on the same
-  // points list their tetrahedra alike. On several threads the order
-  // depends on the timing of the threads.
+  // points list their tetrahedra alike (but for the first bulk insertion of
+  // a process, whose box gets a smaller margin). On several threads the
+  // order depends on the timing of the threads.
   void getTetrahedraInRecordOrder(std::vector<Tet3*>& vTet) const;
   void getTetsAroundVertex(Point3* pVtx, std::vector<Tet3*>& vTet);
   bool is3D() const;

@@ -122,10 +122,12 @@ class Delaunay:
         insertion, the arrays derived from the mesh (``transform``,
         ``vertex_neighbor_vertices``) and ``find_simplex``. The rows of
         ``simplices`` come in the order of the library's records: with one
-        worker the same for the same points, with more (once the insertion
-        runs on threads, from a few thousand points) possibly another from
-        one run to the next (the set of tetrahedra does not, for points in
-        general position).
+        worker the same for the same points in every run of a program (the
+        first triangulation of a process, whose box gets a smaller margin,
+        can order them otherwise than later ones), with more (once the
+        insertion runs on threads, from a few thousand points) possibly
+        another from one run to the next (the set of tetrahedra does not,
+        for points in general position).
 
     Attributes, as in ``scipy.spatial.Delaunay``: ``points``, ``simplices``
     (every tetrahedron positively oriented: corner 3 lies on the side to which
