@@ -479,12 +479,12 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
       vThreads[t]->ask.store(InsertionThread::noAsk, std::memory_order_relaxed);
       vThreads[t]->numLeft.store(vThreads[t]->vMine.size(), std::memory_order_relaxed);
     }
-    const auto answer = [&](InsertionThread& thread, size_t k) {
-      const int asker = thread.ask.load(std::memory_order_acquire);
+    // The answer to thread asker: half of the points from vMine[k] on, or
+    // nothing where fewer than 2 * minShare are left.
+    const auto answer = [&](InsertionThread& thread, int asker, size_t k) {
       InsertionThread& taker = *vThreads[static_cast<size_t>(asker)];
       if (thread.vMine.size() >= k + 2 * minShare) thread.shareOut(k + (thread.vMine.size() - k) / 2, taker);
       else taker.vMine.clear();
-      thread.ask.store(InsertionThread::noAsk, std::memory_order_relaxed);
       taker.bAnswered.store(true, std::memory_order_release);
     };
     const auto insertMine = [&](size_t t) {
@@ -498,8 +498,10 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
       for (size_t i = 0; i < thread.vMine.size() && !bStop.load(std::memory_order_relaxed); ++i) {
         if (bShare) {
           thread.numLeft.store(thread.vMine.size() - i, std::memory_order_relaxed);
-          if (thread.ask.load(std::memory_order_acquire) >= 0) {
-            answer(thread, i);
+          const int asker = thread.ask.load(std::memory_order_acquire);
+          if (asker >= 0) {
+            thread.ask.store(InsertionThread::noAsk, std::memory_order_relaxed);
+            answer(thread, asker, i);
             // The place to go on from may have gone with the share.
             if (thread.getCurrent() == nullptr && !thread.findStart(vCurve, rankOf(i))) {
               thread.vPostponed.insert(thread.vPostponed.end(), thread.vMine.begin() + static_cast<long>(i),
@@ -564,10 +566,7 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
         thread.numLeft.store(0, std::memory_order_relaxed);
         // An ask that came after the last look is answered with nothing.
         const int asker = thread.ask.exchange(InsertionThread::closed, std::memory_order_acquire);
-        if (asker >= 0) {
-          vThreads[static_cast<size_t>(asker)]->vMine.clear();
-          vThreads[static_cast<size_t>(asker)]->bAnswered.store(true, std::memory_order_release);
-        }
+        if (asker >= 0) answer(thread, asker, thread.vMine.size());
         if (!takeShare(t)) return;
         thread.ask.store(InsertionThread::noAsk, std::memory_order_relaxed);
         insertMine(t);
