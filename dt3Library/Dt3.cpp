@@ -548,16 +548,22 @@ void reportSelfLink(Tet3* fromTet, Tet3* toTet) {
   VELM_ASSERT(fromTet!=toTet);
 }
 
-// Looks for the partner in the overflow list, passing over entries of this
-// same tetrahedron; else appends.
+// The bucket holds another pair: the partner is looked for in a short
+// overflow list, else the entry joins the list. A long list (a large cavity,
+// thousands of open facets, as on the rounded planes of scanned data) is
+// not scanned, which would make each cavity's gluing quadratic: its entries
+// wait for finalPass.
 void FacetRegistry::overflow(Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh) {
-  for (auto it = vOverflow.begin(); it != vOverflow.end(); ++it) {
-    TwoTetStruct* pEntry = *it;
-    if (pEntry->pVtxLow == pVtxLow && pEntry->pVtxHigh == pVtxHigh && pEntry->pTet != pTet) {
-      link(pEntry->pTet, pEntry->ith, pTet, ith);
-      vOverflow.erase(it);
-      --numOpen;
-      return;
+  if (vOverflow.size() <= maxScanned) {
+    for (auto it = vOverflow.begin(); it != vOverflow.end(); ++it) {
+      TwoTetStruct* pEntry = *it;
+      if (pEntry->pVtxLow == pVtxLow && pEntry->pVtxHigh == pVtxHigh && pEntry->pTet != pTet) {
+        link(pEntry->pTet, pEntry->ith, pTet, ith);
+        *it = vOverflow.back();
+        vOverflow.pop_back();
+        --numOpen;
+        return;
+      }
     }
   }
   TwoTetStruct* pEntry = pool.nextObject();
@@ -566,15 +572,28 @@ void FacetRegistry::overflow(Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxH
   ++numOpen;
 }
 
-// A pair whose first half went to the overflow list while another pair held
-// its bucket can find its second half in that bucket later; offering the
-// list again from its back closes such pairs.
+// Pairs the overflow list: sorted by pair, the two halves of a pair that
+// both stayed in it lie side by side. A half whose partner took the bucket
+// after it (when the pair that held the bucket had closed) is offered to the
+// table again, and finds it there.
 void FacetRegistry::finalPass() {
-  const long n = static_cast<long>(vOverflow.size());
-  for (long i = n - 1; i >= 0; --i) {
-    TwoTetStruct* pEntry = vOverflow[i];
-    offer(hash(pEntry->pVtxLow, pEntry->pVtxHigh), pEntry->pTet, pEntry->ith, pEntry->pVtxLow, pEntry->pVtxHigh);
+  if (vOverflow.empty()) return;
+  const auto byPair = [](const TwoTetStruct* a, const TwoTetStruct* b) {
+    return a->pVtxLow != b->pVtxLow ? a->pVtxLow < b->pVtxLow : a->pVtxHigh < b->pVtxHigh;
+  };
+  std::sort(vOverflow.begin(), vOverflow.end(), byPair);
+  const size_t n = vOverflow.size();
+  for (size_t i = 0; i < n; ++i) {
+    const TwoTetStruct entry = *vOverflow[i];
+    if (i + 1 < n && vOverflow[i + 1]->pVtxLow == entry.pVtxLow && vOverflow[i + 1]->pVtxHigh == entry.pVtxHigh) {
+      link(entry.pTet, entry.ith, vOverflow[i + 1]->pTet, vOverflow[i + 1]->ith);
+      numOpen -= 2;
+      ++i;
+      continue;
+    }
+    // Leaves the list for the table, where its partner waits.
     --numOpen;
+    offer(hash(entry.pVtxLow, entry.pVtxHigh), entry.pTet, entry.ith, entry.pVtxLow, entry.pVtxHigh);
   }
   vOverflow.clear();
 }

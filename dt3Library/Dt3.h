@@ -167,7 +167,9 @@ public:
 
 private:
   static bool range03(int i) { return i >= 0 && i <= 3; }
-  // The bucket holds another pair: the overflow list.
+  // The bucket holds another pair: the overflow list, scanned for the
+  // partner while it holds at most maxScanned entries.
+  static constexpr size_t maxScanned = 32;
   void overflow(Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh);
 
   BRIX_TOOLS::SimplePool<TwoTetStruct> pool;

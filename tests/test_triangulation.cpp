@@ -46,9 +46,13 @@ void expectBulkDelaunay(std::vector<Point3> v, const std::string& what) {
 std::vector<Point3> sphere(int r, double scale = 1.0) {
   std::vector<Point3> v;
   for (int x = -r; x <= r; ++x)
-    for (int y = -r; y <= r; ++y)
-      for (int z = -r; z <= r; ++z)
-        if (x * x + y * y + z * z == r * r) v.emplace_back(scale * x, scale * y, scale * z);
+    for (int y = -r; y <= r; ++y) {
+      const int zz = r * r - x * x - y * y;
+      const int z = static_cast<int>(std::lround(std::sqrt(std::max(zz, 0))));
+      if (z * z != zz) continue;
+      v.emplace_back(scale * x, scale * y, scale * z);
+      if (z != 0) v.emplace_back(scale * x, scale * y, -scale * z);
+    }
   return v;
 }
 
@@ -65,11 +69,11 @@ TEST(Uniform, RandomPointsAndIntegerGrids) {
 }
 
 // Every tetrahedron of cospherical points conflicts with the centre: its
-// insertion empties the whole mesh into one cavity, whose hundreds of inner
-// facets collide in the registry's buckets. Then points far outside see
+// insertion empties the whole mesh into one cavity, whose hundreds (r = 25)
+// or thousands (r = 125) of inner facets collide in the registry's buckets. Then points far outside see
 // many hull facets at once.
 TEST(Degenerate, CosphericalPointsTheirCentreAndFarPoints) {
-  for (int r : {5, 25}) {
+  for (int r : {5, 25, 125}) {
     std::vector<Point3> v = sphere(r, 0.5);
     Velm_3D vt;
     insertAll(vt, v);
