@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <iterator>
+#include <limits>
 #include <map>
 
 #include "RunThreads.h"
@@ -164,13 +165,13 @@ std::vector<KeyAndIndex> keysInCurveOrder(const HC3& store, const Points& vPoint
 
 // Step 3 of a bulk insertion: the batch is taken in key order and each input
 // gets its vertex. A point alone at its key, with no stored vertex of that
-// key, becomes a vertex with no further test: that is nearly every point. A
-// key shared by several points of the batch or by stored vertices makes a
-// group, in which sorting by coordinates finds the repeats, of one another
-// and of stored vertices; of equal points the first in input order is the
-// one stored, and the new vertices are made in input order. The new entries
-// are collected in the store's order, for one merge into the flat array at
-// the end.
+// key, becomes a vertex with no further test: that is nearly every point of
+// a batch in general position. A key shared by several points of the batch
+// or by stored vertices makes a group, in which sorting by coordinates finds
+// the repeats, of one another and of stored vertices; of equal points the
+// first in input order is the one stored, and the new vertices are made in
+// input order. The new entries are collected in the store's order, for one
+// merge into the flat array at the end.
 template <class Points> class BulkInsertion {
 public:
   BulkInsertion(const Points& vPoints_, const std::vector<KeyAndIndex>& vKeys_,
@@ -180,58 +181,63 @@ public:
         vNewVertices(vNewVertices_) {}
 
   // Gives every input its handle and returns the new entries in curve order.
-  // On several threads a point alone at its key gets its record here, in
-  // curve order, and its coordinates and handle afterwards, in shares: that
-  // second step reads the points all over the input and writes the handles
-  // all over vUserHandles, and is most of the time. (On one thread the
-  // record is filled at once, while it is in the cache.)
   std::vector<IdxVtx> run(size_t numThreads) {
     const size_t n = vKeys.size();
-    const bool bDeferred = numThreads > 1 && n >= 2 * minShare;
     vAdd.reserve(n);
-    if (bDeferred) vAlone.assign(n, nullptr);
+    if (numThreads > 1 && n >= 2 * minShare && n <= static_cast<size_t>(std::numeric_limits<int>::max())) {
+      runOnThreads(numThreads);
+      return std::move(vAdd);
+    }
+    // One thread fills each record at once, while its point is in the cache.
+    std::vector<unsigned int> vOrder;
+    std::vector<int> vKind;
     auto existing = vSorted.begin();
     for (size_t first = 0; first < n;) {
       // The points are read in key order, all over the input: ask ahead.
-      if (!bDeferred && first + 16 < n) __builtin_prefetch(addressOf(vPoints, vKeys[first + 16].second));
-      const unsigned int key = vKeys[first].first;
-      size_t last = first + 1;
-      while (last < n && vKeys[last].first == key) ++last;
-      existing = std::lower_bound(existing, vSorted.end(), IdxVtx{key, nullptr}, Func_ltIdxVtx());
-      const bool bStoredKey = existing != vSorted.end() && existing->idx == key;
+      if (first + 16 < n) __builtin_prefetch(addressOf(vPoints, vKeys[first + 16].second));
+      const size_t last = groupEnd(first);
+      const bool bStoredKey = hasStoredKey(first, existing);
       if (last == first + 1 && !bStoredKey) {
-        vAdd.push_back({key, bDeferred ? reserveVertex(first) : makeVertex(first)});
+        vAdd.push_back({vKeys[first].first, makeVertex(first)});
       } else {
-        findRepeats(first, last, existing);
-        storeGroup(first, last);
+        vOrder.resize(last - first);
+        vKind.resize(last - first);
+        findRepeats(first, last, existing, vOrder.data(), vKind.data());
+        for (size_t k = first; k < last; ++k) {
+          const int kind = vKind[k - first];
+          if (kind == isNew) makeVertex(k);
+          else if (kind > 0) vUserHandles[vKeys[k].second] = vUserHandles[vKeys[k - kind].second];
+        }
+        for (const unsigned int i : vOrder)
+          if (vKind[i] == isNew) vAdd.push_back({vKeys[first].first, vUserHandles[vKeys[first + i].second]});
       }
       first = last;
-    }
-    if (bDeferred) {
-      runShares(numThreads, n, minShare, [&](size_t begin, size_t end) {
-        for (size_t k = begin; k < end; ++k) {
-          if (k + 16 < end) __builtin_prefetch(addressOf(vPoints, vKeys[k + 16].second));
-          if (vAlone[k] == nullptr) continue;
-          vAlone[k]->init(pointAt(k));
-          vUserHandles[vKeys[k].second] = vAlone[k];
-        }
-      });
     }
     return std::move(vAdd);
   }
 
 private:
+  // The kinds of a group's positions (findRepeats): a new vertex, a repeat of
+  // a stored vertex, or (a positive count) a repeat of the new vertex that
+  // many positions before it.
+  static constexpr int isNew = -1, isStored = -2;
+
+  // The end of the group of position first: the positions of its key.
+  size_t groupEnd(size_t first) const {
+    size_t last = first + 1;
+    while (last < vKeys.size() && vKeys[last].first == vKeys[first].first) ++last;
+    return last;
+  }
+
+  // Whether a stored vertex has the key of position first; `existing`, the
+  // first stored entry not below an earlier key, moves to this key.
+  bool hasStoredKey(size_t first, std::vector<IdxVtx>::const_iterator& existing) const {
+    existing = std::lower_bound(existing, vSorted.end(), IdxVtx{vKeys[first].first, nullptr}, Func_ltIdxVtx());
+    return existing != vSorted.end() && existing->idx == vKeys[first].first;
+  }
+
   // A reference into a vector of points, a point made from a row.
   decltype(auto) pointAt(size_t k) const { return vPoints[vKeys[k].second]; }
-
-  // The record of a new vertex for the input at sorted position k, to be
-  // filled later.
-  Point3* reserveVertex(size_t k) {
-    Point3* pVtx = pointPool.nextObject();
-    vAlone[k] = pVtx;
-    vNewVertices.push_back(pVtx);
-    return pVtx;
-  }
 
   // A new vertex for the input at sorted position k.
   Point3* makeVertex(size_t k) {
@@ -242,45 +248,95 @@ private:
     return pVtx;
   }
 
-  // Puts the group's positions [first, last) in coordinate order (input
-  // order among equals) into vGroup, and marks each in vKind: -1 a new
-  // vertex, -2 a repeat of a stored vertex (its handle set here), else the
-  // position of the earlier equal point whose vertex it shares. `stored` is
-  // the first stored entry of the group's key, if there is one.
-  void findRepeats(size_t first, size_t last, std::vector<IdxVtx>::const_iterator stored) {
+  // Puts the offsets of the group's positions [first, last) from first in
+  // coordinate order (input order among equals) into pOrder, and the kind of
+  // each into pKind, by offset; a repeat of a stored vertex gets its handle
+  // here. `stored` is the first stored entry of the group's key, if there
+  // is one. Reads the store and writes only the group's own handles: groups
+  // go to several threads at once.
+  void findRepeats(size_t first, size_t last, std::vector<IdxVtx>::const_iterator stored, unsigned int* pOrder,
+                   int* pKind) const {
     const unsigned int key = vKeys[first].first;
-    vGroup.clear();
-    for (size_t k = first; k < last; ++k) vGroup.push_back(k);
-    std::sort(vGroup.begin(), vGroup.end(), [&](size_t a, size_t b) {
-      return pointAt(a) < pointAt(b) || (!(pointAt(b) < pointAt(a)) && a < b);
+    const unsigned int m = static_cast<unsigned int>(last - first);
+    for (unsigned int i = 0; i < m; ++i) pOrder[i] = i;
+    std::sort(pOrder, pOrder + m, [&](unsigned int a, unsigned int b) {
+      return pointAt(first + a) < pointAt(first + b) || (!(pointAt(first + b) < pointAt(first + a)) && a < b);
     });
-    vKind.assign(last - first, -1);
-    const size_t none = vKeys.size();
-    size_t runFirst = none;
-    for (size_t k : vGroup) {
-      const Point3& p = pointAt(k);
+    std::fill(pKind, pKind + m, isNew);
+    const unsigned int none = m;
+    unsigned int runFirst = none;
+    for (unsigned int j = 0; j < m; ++j) {
+      const unsigned int i = pOrder[j];
+      const Point3& p = pointAt(first + i);
       while (stored != vSorted.end() && stored->idx == key && *stored->pVtx < p) ++stored;
       if (stored != vSorted.end() && stored->idx == key && !(p < *stored->pVtx)) {
-        vUserHandles[vKeys[k].second] = stored->pVtx;
-        vKind[k - first] = -2;
-      } else if (runFirst != none && !(pointAt(runFirst) < p)) {
-        vKind[k - first] = static_cast<long>(runFirst);
+        vUserHandles[vKeys[first + i].second] = stored->pVtx;
+        pKind[i] = isStored;
+      } else if (runFirst != none && !(pointAt(first + runFirst) < p)) {
+        pKind[i] = static_cast<int>(i - runFirst); // equal points lie in input order
       } else {
-        runFirst = k;
+        runFirst = i;
       }
     }
   }
 
-  // Makes the group's new vertices in input order, hands the repeats their
-  // vertex, and collects the new entries in coordinate order.
-  void storeGroup(size_t first, size_t last) {
-    for (size_t k = first; k < last; ++k) {
-      const long kind = vKind[k - first];
-      if (kind == -1) makeVertex(k);
-      else if (kind >= 0) vUserHandles[vKeys[k].second] = vUserHandles[vKeys[static_cast<size_t>(kind)].second];
+  // On several threads: the groups' repeats are found in shares of the
+  // positions that start at a group, then one pass in curve order takes the
+  // records of the new vertices, and the records' coordinates and every
+  // input's handle go in shares again (reading the points all over the input
+  // and writing the handles all over vUserHandles is most of the time).
+  void runOnThreads(size_t numThreads) {
+    const size_t n = vKeys.size();
+    std::vector<int> vKind(n);           // by position
+    std::vector<unsigned int> vOrder(n); // each group's offsets in coordinate order, at its positions
+    std::vector<Point3*> vRecord(n);     // the record of each new vertex, by position
+    const size_t numT = threadsFor(numThreads, n, minShare);
+    std::vector<size_t> vFrom(numT + 1, n);
+    for (size_t t = 0; t < numT; ++t) {
+      size_t k = std::max(n * t / numT, t > 0 ? vFrom[t - 1] : 0);
+      while (k > 0 && k < n && vKeys[k - 1].first == vKeys[k].first) ++k;
+      vFrom[t] = k;
     }
-    for (size_t k : vGroup)
-      if (vKind[k - first] == -1) vAdd.push_back({vKeys[k].first, vUserHandles[vKeys[k].second]});
+    std::atomic<bool> bStop(false);
+    runThreads(numT, bStop, [&](size_t t) {
+      auto existing = vSorted.begin();
+      for (size_t first = vFrom[t]; first < vFrom[t + 1];) {
+        // The points of groups are read here: ask ahead for them.
+        if (first + 16 < n && vKeys[first + 16].first == vKeys[first + 15].first)
+          __builtin_prefetch(addressOf(vPoints, vKeys[first + 16].second));
+        const size_t last = groupEnd(first);
+        const bool bStoredKey = hasStoredKey(first, existing);
+        if (last == first + 1 && !bStoredKey) {
+          vKind[first] = isNew;
+          vOrder[first] = 0;
+        } else {
+          findRepeats(first, last, existing, vOrder.data() + first, vKind.data() + first);
+        }
+        first = last;
+      }
+    });
+    for (size_t first = 0; first < n;) {
+      const size_t last = groupEnd(first);
+      for (size_t k = first; k < last; ++k) {
+        if (vKind[k] != isNew) continue;
+        vRecord[k] = pointPool.nextObject();
+        vNewVertices.push_back(vRecord[k]);
+      }
+      for (size_t k = first; k < last; ++k) {
+        const size_t i = first + vOrder[k];
+        if (vKind[i] == isNew) vAdd.push_back({vKeys[first].first, vRecord[i]});
+      }
+      first = last;
+    }
+    runShares(numThreads, n, minShare, [&](size_t begin, size_t end) {
+      for (size_t k = begin; k < end; ++k) {
+        if (k + 16 < end) __builtin_prefetch(addressOf(vPoints, vKeys[k + 16].second));
+        const int kind = vKind[k];
+        if (kind == isStored) continue;
+        if (kind == isNew) vRecord[k]->init(pointAt(k));
+        vUserHandles[vKeys[k].second] = vRecord[kind == isNew ? k : k - static_cast<size_t>(kind)];
+      }
+    });
   }
 
   const Points& vPoints;
@@ -290,9 +346,6 @@ private:
   std::vector<Point3*>& vUserHandles;
   std::vector<Point3*>& vNewVertices;
   std::vector<IdxVtx> vAdd;
-  std::vector<Point3*> vAlone; // the reserved record of sorted position k, or null
-  std::vector<size_t> vGroup;
-  std::vector<long> vKind;
 };
 
 } // namespace
