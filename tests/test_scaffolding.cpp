@@ -142,6 +142,7 @@ TEST_F(InTempDir, OverlappingPairIsASideFaultPointInTheSphereASphereFault) {
               contains(line, "facet " + toString(f.ith)) && contains(line, "0.10000000000000001")) << line;
   std::string out;
   EXPECT_FALSE(valid(m.dt, false, false, &out)); // orientation is tested all the same
+  EXPECT_TRUE(contains(out, "                ERROR: checkValidity at [here]\n"));
   EXPECT_TRUE(contains(out, "Dt3::checkValidity, HUH, vertex ") && contains(out, " should be on the negative side, tet=\n"));
   EXPECT_TRUE(contains(out, "oppIndex=" + toString(f.ith) + ", Vertex=") && contains(out, "checkValidity: positive\n"));
   EXPECT_TRUE(contains(fileMatching("[0-9]{5}_negSideBug\\.list"), "appearance{linewidth 10}"));
