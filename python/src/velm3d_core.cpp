@@ -1109,19 +1109,28 @@ py::tuple voronoi(const py::array_t<double, py::array::c_style>& points, const p
         vClass[t] = vClass[vClass[t]]; // the root, before t, holds its class already
       }
     }
+    // The centre of each class from its first tetrahedron, computed where
+    // the pass over the renumbered mesh meets that one (its corners are in
+    // the cache there), then copied to the class's other tetrahedra.
     vVertices.resize(3 * vFirst.size());
-    forChunks(numWorkers, vFirst.size(), 1 << 14, [&](size_t, size_t begin, size_t end) {
-      for (size_t c = begin; c < end; ++c) circumcenter(local, ranked.vNewOf[vFirst[c]], vVertices.data() + 3 * c);
-    });
     ranked.vClass.resize(static_cast<size_t>(m));
     ranked.vCentre.resize(3 * static_cast<size_t>(m));
+    const auto isFirst = [&](size_t t) { return vFirst[ranked.vClass[t]] == ranked.vOldOf[t]; };
     forChunks(numWorkers, static_cast<size_t>(m), 1 << 16, [&](size_t, size_t begin, size_t end) {
       for (size_t t = begin; t < end; ++t) {
-        const I c = vClass[ranked.vOldOf[t]];
-        ranked.vClass[t] = c;
-        std::copy(vVertices.data() + 3 * static_cast<int64_t>(c), vVertices.data() + 3 * static_cast<int64_t>(c) + 3,
-                  ranked.vCentre.data() + 3 * t);
+        ranked.vClass[t] = vClass[ranked.vOldOf[t]];
+        if (!isFirst(t)) continue;
+        double* pCentre = ranked.vCentre.data() + 3 * t;
+        circumcenter(local, static_cast<int64_t>(t), pCentre);
+        std::copy(pCentre, pCentre + 3, vVertices.data() + 3 * static_cast<int64_t>(ranked.vClass[t]));
       }
+    });
+    forChunks(numWorkers, static_cast<size_t>(m), 1 << 16, [&](size_t, size_t begin, size_t end) {
+      for (size_t t = begin; t < end; ++t)
+        if (!isFirst(t)) {
+          const double* pCentre = vVertices.data() + 3 * static_cast<int64_t>(ranked.vClass[t]);
+          std::copy(pCentre, pCentre + 3, ranked.vCentre.data() + 3 * t);
+        }
     });
     std::vector<I>().swap(vClass);
     std::vector<I>().swap(ranked.vNewOf);
