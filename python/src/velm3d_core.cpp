@@ -660,6 +660,11 @@ template <class I> struct Csr {
 template <class I> struct ChunkedLists {
   std::vector<std::vector<I>> vOwner, vSize, vItems; // per chunk
   explicit ChunkedLists(size_t numChunks) : vOwner(numChunks), vSize(numChunks), vItems(numChunks) {}
+  void reserve(size_t c, size_t numRows, size_t numItems) {
+    vOwner[c].reserve(numRows);
+    vSize[c].reserve(numRows);
+    vItems[c].reserve(numItems);
+  }
   void add(size_t c, I row, const std::vector<I>& vList) {
     vOwner[c].push_back(row);
     vSize[c].push_back(static_cast<I>(vList.size()));
@@ -1154,6 +1159,14 @@ py::tuple voronoi(const py::array_t<double, py::array::c_style>& points, const p
     forChunks(numWorkers, static_cast<size_t>(n), chunkSize, [&](size_t c, size_t begin, size_t end) {
       std::vector<I> vSeen(static_cast<size_t>(n), I(-1)), vCorners, vCornerTet, vRing, vBack, vTurn, vRegion;
       bool bHull, bOpen;
+      // The lists' sizes from the stars' (4 entries a tetrahedron; its 6
+      // edges, turned about from one end, 6 entries): growing them by
+      // doubling copied them over and over.
+      const size_t numStar = static_cast<size_t>(ranked.vStarFirst[end] - ranked.vStarFirst[begin]);
+      regions.reserve(c, end - begin, numStar + (end - begin));
+      ridges.reserve(c, numStar / 3, numStar * 3 / 2 + numStar / 3);
+      vRidgePoints[c].reserve(2 * (numStar / 3));
+      vLaterShare[c].reserve(numStar / 3);
       for (size_t k = begin; k < end; ++k) {
         const I v = static_cast<I>(k);
         const double* pv = local.xyz(v);
