@@ -58,7 +58,8 @@ public:
   // The key iReset gives p, without writing level: for several threads at
   // once.
   unsigned int keyOf(const Point3& p) const;
-  // The threads of the bulk intake's steps (the keys, the vertex records).
+  // The threads of the bulk intake's steps (the keys, the repeats within a
+  // key, the vertex records).
   void setNumThreads(int n) { numThreads = n; }
   void reconfig();
   void addPoints(std::vector<Point3>& vPoints, std::vector<Point3*>& vUserHandles,
