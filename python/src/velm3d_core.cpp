@@ -744,16 +744,17 @@ template <class I> std::vector<I> verticesInSpaceOrder(const double* pXyz, const
 // (in the simplices' own order a star is scattered over the arrays, and the
 // walks about each vertex and edge were bound by those cache misses). The
 // corners of each tetrahedron keep their order. The star of vertex r is
-// vStar[vStarFirst[r]:vStarFirst[r + 1]]. vClass and vCentre, filled by the
-// caller, hold each tetrahedron's class and the Voronoi vertex of its class.
+// vStar[vStarFirst[r]:vStarFirst[r + 1]]; tetrahedron t of the arrays given
+// is vOldOf's entry. vClass and vCentre, filled by the caller, hold each
+// tetrahedron's class and the Voronoi vertex of its class.
 // Without coordinates (mesh.pXyz null) vXyz stays empty.
 template <class I> struct RankedMesh {
   std::vector<double> vXyz, vCentre;
-  std::vector<I> vS, vN, vNewOf, vOldOf, vStarFirst, vStar, vClass;
+  std::vector<I> vS, vN, vOldOf, vStarFirst, vStar, vClass;
 
   RankedMesh(const MeshView<I>& mesh, int64_t m, const std::vector<I>& vOrder, int64_t numPoints, int numWorkers) {
     const int64_t n = static_cast<int64_t>(vOrder.size());
-    std::vector<I> vRank(static_cast<size_t>(numPoints), I(-1));
+    std::vector<I> vRank(static_cast<size_t>(numPoints), I(-1)), vNewOf;
     vXyz.resize(mesh.pXyz != nullptr ? 3 * static_cast<size_t>(n) : 0);
     for (int64_t r = 0; r < n; ++r) {
       vRank[vOrder[r]] = static_cast<I>(r);
@@ -1138,7 +1139,6 @@ py::tuple voronoi(const py::array_t<double, py::array::c_style>& points, const p
         }
     });
     std::vector<I>().swap(vClass);
-    std::vector<I>().swap(ranked.vNewOf);
     std::vector<I>().swap(ranked.vOldOf);
     // The vertices on the hull, whose cells are unbounded.
     std::vector<char> vOnHull(static_cast<size_t>(n), 0);
