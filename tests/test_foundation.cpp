@@ -188,9 +188,9 @@ TEST(Point3Records, DefaultsCopiesOrderAndBoxGrowth) {
 TEST(VertexStore, WorkedKeys) {
   HC3 h(27), tall(27);
   setBox(h, Point3(0, 0, 0), Point3(1, 1, 1));
-  setBox(tall, Point3(0, 0, 0), Point3(1, 4, 1));
+  setBox(tall, Point3(-1, 1, 2), Point3(0, 5, 3)); // the unit-x box of the last key, moved off the origin
   const std::tuple<HC3*, Point3, unsigned> vKeys[] = {{&h, Point3(0, 0, 0), 0u}, {&h, Point3(0.3, 0.6, 0.9), 39683436u},
-      {&h, Point3(0.5, 0.5, 0.5), 97733940u}, {&h, Point3(1, 1, 1), 90543705u}, {&tall, Point3(0.3, 3, 0.9), 44390741u}};
+      {&h, Point3(0.5, 0.5, 0.5), 97733940u}, {&h, Point3(1, 1, 1), 90543705u}, {&tall, Point3(-0.7, 4, 2.9), 44390741u}};
   for (const auto& [pStore, p, key] : vKeys) EXPECT_EQ(pStore->iReset(p), key) << p;
   HC3 empty(27);
   Point3 q(0.5, 0.5, 0.5);
