@@ -349,6 +349,7 @@ TEST(SphereTest, InsideOnlyWhenStrictlyInsideThePositiveTetsSphereAndStagesAnswe
                                                         {&b, SIC_CORNER}, {&c, SIC_CORNER}, {&d, SIC_CORNER},
                                                         {&copyOfA, SIC_OUTSIDE}};
   for (const auto& [p, want] : vCases) EXPECT_EQ(t.sphereInclusionTest(pTet, p), want) << *p;  // on: class 2, outside
+  EXPECT_EQ((std::vector<int>{SIC_INSIDE, SIC_OUTSIDE, SIC_CORNER}), (std::vector<int>{0, 1, 2})); // the published numbers
   double pa[3] = {O, O, O}, pb[3] = {L, O, O}, pc[3] = {O, L, O}, pd[3] = {O, O, L};
   double pOn[3] = {L, L, L}, pIn[3] = {L, L, in.z()}, pOut[3] = {L, L, out.z()}, pFar[3] = {-O, -O, -O};
   const double permanent = 1.0;  // any bound will do: these differences are exact
