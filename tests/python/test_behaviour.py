@@ -103,8 +103,12 @@ def test_nothing_reaches_standard_output_unless_verbose():
 
 
 def test_ctrl_c_interrupts_a_long_triangulation_within_a_second():
+    # A shell that starts a job in the background without job control has the
+    # job ignore SIGINT, and Python then leaves Ctrl-C ignored: the child takes
+    # Python's own handler back.
     code = """
-        import sys, time, numpy as np, velm3d
+        import signal, sys, time, numpy as np, velm3d
+        signal.signal(signal.SIGINT, signal.default_int_handler)
         p = np.random.default_rng(0).uniform(0, 1, (1500000, 3))
         small = velm3d.Delaunay(p[:2000])
         before = small.simplices.copy()
@@ -126,10 +130,20 @@ def test_ctrl_c_interrupts_a_long_triangulation_within_a_second():
     """
     child = subprocess.Popen([sys.executable, "-c", textwrap.dedent(code)], stdout=subprocess.PIPE,
                              stderr=subprocess.PIPE, text=True)
+
+    def resident_bytes():
+        with open(f"/proc/{child.pid}/statm") as f:
+            return int(f.read().split()[1]) * os.sysconf("SC_PAGE_SIZE")
+
     try:
         for _ in range(2):
             assert child.stdout.readline().strip() == "go"
-            time.sleep(2.0)  # into the insertion, past the sorting of the points
+            # The signal comes once the mesh has grown by 300 MiB (about a
+            # third of the insertion), however slowly the machine runs.
+            start, deadline = resident_bytes(), time.monotonic() + 60
+            while resident_bytes() < start + 300 * 2**20:
+                assert time.monotonic() < deadline
+                time.sleep(0.01)
             sent = time.monotonic()
             child.send_signal(signal.SIGINT)
             word, when = child.stdout.readline().split()
