@@ -33,6 +33,15 @@ if platform.machine() in ("x86_64", "AMD64"):
 if os.environ.get("VELM3D_WERROR", "").upper() in ("1", "ON", "TRUE", "YES"):
     flags.append("-Werror")
 
+# VELM3D_SANITIZE=thread builds the extension with ThreadSanitizer, for the
+# threaded Python tests in tests/tsan.sh (Python then runs with the sanitizer's
+# runtime preloaded).
+link_flags = []
+if os.environ.get("VELM3D_SANITIZE"):
+    sanitizer = "-fsanitize=" + os.environ["VELM3D_SANITIZE"]
+    flags = [f for f in flags if f != "-O3"] + ["-O1", "-g", sanitizer, "-fno-omit-frame-pointer"]
+    link_flags.append(sanitizer)
+
 ParallelCompile("VELM3D_BUILD_JOBS", default=2).install()
 
 setup(
@@ -51,6 +60,7 @@ setup(
             ],
             cxx_std=17,
             extra_compile_args=flags,
+            extra_link_args=link_flags,
         )
     ],
     cmdclass={"build_ext": build_ext},

@@ -233,5 +233,9 @@ def test_two_triangulations_run_at_once_in_two_threads(rng, monkeypatch):
         t.join()
     switches = sum(a != b for a, b in zip(reports, reports[1:]))
     assert switches >= 2, reports
+    # Each gets the tetrahedra that one worker alone finds (the points are in
+    # general position), which the exact oracle checks elsewhere.
     for k in range(2):
-        assert_delaunay(results[k], clouds[k])
+        alone = velm3d.Delaunay(clouds[k]).simplices
+        assert np.array_equal(np.unique(np.sort(results[k].simplices, axis=1), axis=0),
+                              np.unique(np.sort(alone, axis=1), axis=0))
