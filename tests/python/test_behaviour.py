@@ -138,8 +138,9 @@ def test_ctrl_c_interrupts_a_long_triangulation_within_a_second():
     try:
         for _ in range(2):
             assert child.stdout.readline().strip() == "go"
-            # The signal comes once the mesh has grown by 300 MiB (about a
-            # third of the insertion), however slowly the machine runs.
+            # The signal comes once the child has grown by 300 MiB (the
+            # insertion under way, most of it to come), however slowly the
+            # machine runs.
             start, deadline = resident_bytes(), time.monotonic() + 60
             while resident_bytes() < start + 300 * 2**20:
                 assert time.monotonic() < deadline
