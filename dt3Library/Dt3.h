@@ -103,7 +103,7 @@ public:
     return ((a >> 5) & 31) | (b & 0x3E0);
   }
   // Links two tetrahedra across a facet, both ways.
-  static void link(Tet3* fromTet, int ith, Tet3* toTet, int jth) {
+  [[gnu::always_inline]] static void link(Tet3* fromTet, int ith, Tet3* toTet, int jth) {
     VELM_ASSERT(range03(ith));
     VELM_ASSERT(range03(jth));
     VELM_ASSERT(toTet!=NULL);
@@ -112,8 +112,9 @@ public:
     fromTet->setOppTet(ith, toTet);
   }
   // Offers facet ith of pTet, named by its pair (lower address first) and
-  // hashed by hash(); the hot path of the insertion, inlined into it.
-  void offer(unsigned long h, Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh) {
+  // hashed by hash(); the hot path of the insertion, always inlined into it
+  // (GCC drops it from the threads' insert once their file grows).
+  [[gnu::always_inline]] void offer(unsigned long h, Tet3* pTet, int ith, Point3* pVtxLow, Point3* pVtxHigh) {
     TwoTetStruct*& pBucket = vTable[h];
     if (pBucket == nullptr) {
       pBucket = pool.nextObject();
@@ -355,6 +356,8 @@ private:
   // (ThreadedInsertion.cpp); the ranks of vCurve hold their owners until
   // the round has ended.
   void assignCells(const std::vector<Point3*>& vActive, const std::vector<Point3*>& vCurve, size_t numT, int round);
+  // The same for a late round of two threads: the sides of a plane.
+  void assignHalves(const std::vector<Point3*>& vActive, const std::vector<Point3*>& vCurve);
   // triangulate; with bConsume, vVertices is released once split into levels.
   void triangulateList(std::vector<Point3*>& vVertices, Tet3* pLastTet, bool bConsume);
   // Takes a fresh record from the pool (when no retired one is waiting).
@@ -372,12 +375,12 @@ private:
   // the cavity gets a new tetrahedron (corner 0 the new vertex) whose facet 0
   // is linked to pOppTet (null: a hull facet) and whose inner facets go to
   // the registry.
-  inline void enterCavity(Tet3* pTet, std::vector<Tet3*>& vFlood);
-  inline Tet3* newTetOnFacet(Tet3* pCavTet, int ith, Point3* pVtx, Tet3* pOppTet);
+  [[gnu::always_inline]] inline void enterCavity(Tet3* pTet, std::vector<Tet3*>& vFlood);
+  [[gnu::always_inline]] inline Tet3* newTetOnFacet(Tet3* pCavTet, int ith, Point3* pVtx, Tet3* pOppTet);
   // Links facet 0 of a new tetrahedron to facet j of pOppTet when there is
   // one, and offers the three inner facets (each named by its pair of other
   // corners) to the registry.
-  inline void glueNewTet(Tet3* pNewTet, Tet3* pOppTet, int j);
+  [[gnu::always_inline]] inline void glueNewTet(Tet3* pNewTet, Tet3* pOppTet, int j);
   FacetRegistry registry;
   BRIX_TOOLS::SimplePool<Tet3> poolTet;
   std::vector<Tet3*> vDoomed;

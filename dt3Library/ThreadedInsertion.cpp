@@ -33,8 +33,9 @@ constexpr int maxRounds = 10;
 // inserts few of them, while one thread takes them in a small part of the
 // level's time.
 constexpr size_t restShare = 25;
-// A round on the shifted grid rewrites the rank of every stored vertex
-// twice; it is for a level of at least a regridShare-th of the store.
+// A round on the shifted grid or the plane rewrites the rank of every
+// stored vertex twice; it is for a level of at least a regridShare-th of
+// the store.
 constexpr size_t regridShare = 32;
 
 // An idle thread takes a share of another's points only if that one has at
@@ -439,15 +440,18 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
     // postponed at one round's boundaries lie inside a range in the next
     // (see roundBoundaries). The last range wraps round the end of the curve.
     const size_t m = vActive.size();
-    // With more than two threads the rounds after the first partition space
-    // by a shifted grid instead (ShiftedGrid), unless the level is small
-    // beside the store.
-    const bool bRegrid = numT > 2 && round >= 1 && m * regridShare >= vCurve.size();
+    // The rounds after the first partition space instead, unless the level
+    // is small beside the store: with more than two threads by a shifted
+    // grid (ShiftedGrid), with two by a plane (assignHalves).
+    const bool bRegrid = round >= 1 && m * regridShare >= vCurve.size();
+    const bool bHalves = bRegrid && numT == 2;
     for (size_t t = 0; t < numT; ++t) {
       vThreads[t]->vPostponed.clear();
       vThreads[t]->numInserted.store(0, std::memory_order_relaxed);
     }
-    if (bRegrid) {
+    if (bHalves) {
+      assignHalves(vActive, vCurve);
+    } else if (bRegrid) {
       assignCells(vActive, vCurve, numT, round);
     } else {
       const std::vector<double> vBounds = roundBoundaries(numT, vUsedBounds);
@@ -609,6 +613,50 @@ Tet3* Dt3::triangulateLevelThreaded(std::vector<Point3*>& vLevel, const std::vec
   }
   if (pCur == nullptr || pCur->hasBeenVisited) pCur = hc3.getCloseTet(vCurve[0]);
   return pCur;
+}
+
+// The threads' points and the owners of all vertices for a round of two
+// threads after the first: the sides of a plane through the median of the
+// points left, across the axis of their largest spread. The points a round
+// leaves lie along its boundary, a thin sheet (or, after two rounds, a
+// thin tube), which the next plane cuts across instead of meeting along
+// its length as the ranges of the curve do.
+void Dt3::assignHalves(const std::vector<Point3*>& vActive, const std::vector<Point3*>& vCurve) {
+  // The spread is measured between the quartiles: a few stray points must
+  // not make the box of all of them the measure.
+  const size_t m = vActive.size();
+  std::vector<double> vCoord(m);
+  const auto coordinateOf = [](const Point3* p, int axis) { return axis == 0 ? p->x() : (axis == 1 ? p->y() : p->z()); };
+  const auto quantile = [&](size_t k) {
+    std::nth_element(vCoord.begin(), vCoord.begin() + static_cast<long>(k), vCoord.end());
+    return vCoord[k];
+  };
+  int axis = 0;
+  double split = 0.0, widest = -1.0;
+  for (int i = 0; i < 3; ++i) {
+    for (size_t k = 0; k < m; ++k) vCoord[k] = coordinateOf(vActive[k], i);
+    const double spread = quantile(3 * m / 4) - quantile(m / 4);
+    if (spread > widest) {
+      widest = spread;
+      axis = i;
+      split = quantile(m / 2);
+    }
+  }
+  const auto coordinate = [&](const Point3* p) { return coordinateOf(p, axis); };
+  for (size_t u = 0; u < 2; ++u) {
+    InsertionThread& thread = *vThreads[u];
+    thread.setRange(static_cast<unsigned int>(u), 1);
+    thread.vMine.clear();
+    thread.vMineRank.clear();
+  }
+  for (Point3* p : vActive) {
+    InsertionThread& thread = *vThreads[coordinate(p) < split ? 0 : 1];
+    thread.vMine.push_back(p);
+    thread.vMineRank.push_back(p->getCurveRank());
+  }
+  runShares(2, vCurve.size(), minRowsPerThread, [&](size_t begin, size_t end) {
+    for (size_t i = begin; i < end; ++i) vCurve[i]->setCurveRank(coordinate(vCurve[i]) < split ? 0 : 1);
+  });
 }
 
 // The threads' points and the owners of all vertices for a round on the

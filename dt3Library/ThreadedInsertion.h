@@ -10,10 +10,10 @@
 // thread count for the next, and the few points left at the end go in on
 // one thread. In a round on curve ranges a thread whose points are done takes
 // the second half of the points another thread has not reached yet, with
-// the part of that thread's range they lie in (see shareOut). With more than
-// two threads the rounds after the first
-// partition space anew, by the cells of a shifted grid: a vertex's rank then
-// holds the thread that owns it, for that round only. A point on or beyond
+// the part of that thread's range they lie in (see shareOut). The rounds
+// after the first partition space anew, by the cells of a shifted grid (more
+// than two threads) or by a plane across the points left (two): a vertex's
+// rank then holds the thread that owns it, for that round only. A point on or beyond
 // the hull is inserted by the thread too, when the hull tetrahedra it sees
 // and its cavity are its own.
 //
