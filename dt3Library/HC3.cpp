@@ -26,6 +26,34 @@ std::atomic<bool> HC3::bFirstEnlarge{false};
 namespace {
 
 using KeyAndIndex = std::pair<unsigned int, unsigned long>;
+
+// n entries of a plain type, left uninitialised: the intake's large buffers
+// are filled on the threads, and a zeroed vector would first touch all of
+// their pages on one thread (page faults are most of the cost of a first
+// pass over fresh memory).
+template <class T> class RawBuffer {
+public:
+  explicit RawBuffer(size_t n) : p(static_cast<T*>(::operator new(n * sizeof(T)))), num(n) {}
+  RawBuffer(RawBuffer&& other) noexcept : p(other.p), num(other.num) {
+    other.p = nullptr;
+    other.num = 0;
+  }
+  RawBuffer(const RawBuffer&) = delete;
+  RawBuffer& operator=(const RawBuffer&) = delete;
+  ~RawBuffer() { ::operator delete(p); }
+  void swap(RawBuffer& other) noexcept {
+    std::swap(p, other.p);
+    std::swap(num, other.num);
+  }
+  T& operator[](size_t i) { return p[i]; }
+  const T& operator[](size_t i) const { return p[i]; }
+  T* data() { return p; }
+  size_t size() const { return num; }
+
+private:
+  T* p;
+  size_t num;
+};
 using RecentSet = std::set<IdxVtx, Func_ltIdxVtx>;
 
 // A step of the bulk intake goes to threads in shares of at least this many
@@ -41,17 +69,17 @@ constexpr size_t minShare = 32768;
 // threads each counts and scatters its own share of the pairs; the shares'
 // places in a bucket follow one another in share order, which keeps the
 // sort stable.
-void sortByKey(std::vector<KeyAndIndex>& v, size_t numThreads) {
+void sortByKey(RawBuffer<KeyAndIndex>& v, size_t numThreads) {
   const size_t n = v.size();
   if (n < 4096) {
-    std::sort(v.begin(), v.end());
+    std::sort(v.data(), v.data() + n);
     return;
   }
   constexpr int digitBits = 11;
   constexpr size_t numBuckets = size_t(1) << digitBits;
   constexpr unsigned int digitMask = numBuckets - 1;
   const size_t numT = threadsFor(numThreads, n, minShare);
-  std::vector<KeyAndIndex> other(n);
+  RawBuffer<KeyAndIndex> other(n);
   std::vector<size_t> count(numT * numBuckets); // share t's counters from t * numBuckets
   KeyAndIndex* pFrom = v.data();
   KeyAndIndex* pTo = other.data();
@@ -80,7 +108,7 @@ void sortByKey(std::vector<KeyAndIndex>& v, size_t numThreads) {
     });
     std::swap(pFrom, pTo);
   }
-  if (pFrom != v.data()) std::copy(pFrom, pFrom + n, v.data());
+  if (pFrom != v.data()) v.swap(other);
 }
 
 // The curve order read as one sequence: vSorted and sRecent merged. This is
@@ -153,9 +181,9 @@ const void* addressOf(const PointRows& rows, size_t i) { return rows.address(i);
 // Step 2 of a bulk insertion: the (key, input index) pairs of the batch, by
 // key and, with equal keys, by input order.
 template <class Points>
-std::vector<KeyAndIndex> keysInCurveOrder(const HC3& store, const Points& vPoints, size_t numThreads) {
+RawBuffer<KeyAndIndex> keysInCurveOrder(const HC3& store, const Points& vPoints, size_t numThreads) {
   const size_t n = vPoints.size();
-  std::vector<KeyAndIndex> vKeys(n);
+  RawBuffer<KeyAndIndex> vKeys(n);
   runShares(numThreads, n, minShare, [&](size_t begin, size_t end) {
     for (size_t i = begin; i < end; ++i) vKeys[i] = std::make_pair(store.keyOf(vPoints[i]), static_cast<unsigned long>(i));
   });
@@ -174,7 +202,7 @@ std::vector<KeyAndIndex> keysInCurveOrder(const HC3& store, const Points& vPoint
 // merge into the flat array at the end.
 template <class Points> class BulkInsertion {
 public:
-  BulkInsertion(const Points& vPoints_, const std::vector<KeyAndIndex>& vKeys_,
+  BulkInsertion(const Points& vPoints_, const RawBuffer<KeyAndIndex>& vKeys_,
                 const std::vector<IdxVtx>& vSorted_, BRIX_TOOLS::SimplePool<Point3>& pointPool_,
                 std::vector<Point3*>& vUserHandles_, std::vector<Point3*>& vNewVertices_)
       : vPoints(vPoints_), vKeys(vKeys_), vSorted(vSorted_), pointPool(pointPool_), vUserHandles(vUserHandles_),
@@ -287,9 +315,9 @@ private:
   // and writing the handles all over vUserHandles is most of the time).
   void runOnThreads(size_t numThreads) {
     const size_t n = vKeys.size();
-    std::vector<int> vKind(n);           // by position
-    std::vector<unsigned int> vOrder(n); // each group's offsets in coordinate order, at its positions
-    std::vector<Point3*> vRecord(n);     // the record of each new vertex, by position
+    RawBuffer<int> vKind(n);           // by position
+    RawBuffer<unsigned int> vOrder(n); // each group's offsets in coordinate order, at its positions
+    RawBuffer<Point3*> vRecord(n);     // the record of each new vertex, by position
     const size_t numT = threadsFor(numThreads, n, minShare);
     std::vector<size_t> vFrom(numT + 1, n);
     for (size_t t = 0; t < numT; ++t) {
@@ -340,7 +368,7 @@ private:
   }
 
   const Points& vPoints;
-  const std::vector<KeyAndIndex>& vKeys;
+  const RawBuffer<KeyAndIndex>& vKeys;
   const std::vector<IdxVtx>& vSorted;
   BRIX_TOOLS::SimplePool<Point3>& pointPool;
   std::vector<Point3*>& vUserHandles;
@@ -489,7 +517,7 @@ template <class Points>
 void HC3::addBatch(const Points& vPoints, std::vector<Point3*>& vUserHandles, std::vector<Point3*>& vNewVertices) {
   mergeRecent();
   const size_t numT = static_cast<size_t>(numThreads);
-  const std::vector<KeyAndIndex> vKeys = keysInCurveOrder(*this, vPoints, numT);
+  const RawBuffer<KeyAndIndex> vKeys = keysInCurveOrder(*this, vPoints, numT);
   vUserHandles.assign(vPoints.size(), nullptr);
   vNewVertices.reserve(vNewVertices.size() + vPoints.size());
   std::vector<IdxVtx> vAdd =
