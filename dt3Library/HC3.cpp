@@ -26,6 +26,7 @@ std::atomic<bool> HC3::bFirstEnlarge{false};
 namespace {
 
 using KeyAndIndex = std::pair<unsigned int, unsigned long>;
+using RecentSet = std::set<IdxVtx, Func_ltIdxVtx>;
 
 // n entries of a plain type, left uninitialised: the intake's large buffers
 // are filled on the threads, and a zeroed vector would first touch all of
@@ -54,7 +55,6 @@ private:
   T* p;
   size_t num;
 };
-using RecentSet = std::set<IdxVtx, Func_ltIdxVtx>;
 
 // A step of the bulk intake goes to threads in shares of at least this many
 // points: below it, starting a thread costs more than it saves.
