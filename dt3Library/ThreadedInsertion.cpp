@@ -141,6 +141,30 @@ private:
   double offset;
 };
 
+// The partition of a round that does not follow the curve (the shifted grid,
+// a plane): gives vActive[i] to thread pointOwner(i) with its curve rank,
+// which the vertex holds no longer then, writes vertexOwner(p) into the rank
+// of every stored vertex p, and makes each thread's range its own number.
+template <class PointOwner, class VertexOwner>
+void handOutByOwner(std::vector<std::unique_ptr<InsertionThread>>& vThreads, size_t numT,
+                    const std::vector<Point3*>& vActive, const std::vector<Point3*>& vCurve,
+                    const PointOwner& pointOwner, const VertexOwner& vertexOwner) {
+  for (size_t u = 0; u < numT; ++u) {
+    InsertionThread& thread = *vThreads[u];
+    thread.setRange(static_cast<unsigned int>(u), 1);
+    thread.vMine.clear();
+    thread.vMineRank.clear();
+  }
+  for (size_t i = 0; i < vActive.size(); ++i) {
+    InsertionThread& thread = *vThreads[pointOwner(i)];
+    thread.vMine.push_back(vActive[i]);
+    thread.vMineRank.push_back(vActive[i]->getCurveRank());
+  }
+  runShares(numT, vCurve.size(), minRowsPerThread, [&](size_t begin, size_t end) {
+    for (size_t i = begin; i < end; ++i) vCurve[i]->setCurveRank(vertexOwner(vCurve[i]));
+  });
+}
+
 } // namespace
 
 InsertionThread::InsertionThread(const ExactTest& predicates_)
@@ -642,21 +666,8 @@ void Dt3::assignHalves(const std::vector<Point3*>& vActive, const std::vector<Po
       split = quantile(m / 2);
     }
   }
-  const auto coordinate = [&](const Point3* p) { return coordinateOf(p, axis); };
-  for (size_t u = 0; u < 2; ++u) {
-    InsertionThread& thread = *vThreads[u];
-    thread.setRange(static_cast<unsigned int>(u), 1);
-    thread.vMine.clear();
-    thread.vMineRank.clear();
-  }
-  for (Point3* p : vActive) {
-    InsertionThread& thread = *vThreads[coordinate(p) < split ? 0 : 1];
-    thread.vMine.push_back(p);
-    thread.vMineRank.push_back(p->getCurveRank());
-  }
-  runShares(2, vCurve.size(), minRowsPerThread, [&](size_t begin, size_t end) {
-    for (size_t i = begin; i < end; ++i) vCurve[i]->setCurveRank(coordinate(vCurve[i]) < split ? 0 : 1);
-  });
+  const auto side = [&](const Point3* p) { return coordinateOf(p, axis) < split ? 0u : 1u; };
+  handOutByOwner(vThreads, 2, vActive, vCurve, [&](size_t i) { return side(vActive[i]); }, side);
 }
 
 // The threads' points and the owners of all vertices for a round on the
@@ -681,20 +692,8 @@ void Dt3::assignCells(const std::vector<Point3*>& vActive, const std::vector<Poi
     owner = t;
     if (t + 1 < numT && numBefore * numT >= (t + 1) * m) ++t;
   }
-  for (size_t u = 0; u < numT; ++u) {
-    InsertionThread& thread = *vThreads[u];
-    thread.setRange(static_cast<unsigned int>(u), 1);
-    thread.vMine.clear();
-    thread.vMineRank.clear();
-  }
-  for (size_t i = 0; i < m; ++i) {
-    InsertionThread& thread = *vThreads[vOwner[vCell[i]]];
-    thread.vMine.push_back(vActive[i]);
-    thread.vMineRank.push_back(vActive[i]->getCurveRank());
-  }
-  runShares(numT, vCurve.size(), minRowsPerThread, [&](size_t begin, size_t end) {
-    for (size_t i = begin; i < end; ++i) vCurve[i]->setCurveRank(vOwner[grid.cellOf(vCurve[i])]);
-  });
+  handOutByOwner(vThreads, numT, vActive, vCurve, [&](size_t i) { return vOwner[vCell[i]]; },
+                 [&](const Point3* p) { return vOwner[grid.cellOf(p)]; });
 }
 
 // ---------------------------------------------------------------------------
